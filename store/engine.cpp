@@ -1,0 +1,295 @@
+// engine.cpp - the item store through which every change to a collection
+// goes: insertion, replacement in place or by moving to the end, deletion,
+// deep copies of values and the emptying of a collection.
+#include <cstring>
+
+#include "sharing/sharing.h"
+#include "store/store.h"
+#include "tables/table.h"
+
+namespace coll {
+
+namespace {
+
+// What a stored value owns: the type code and the handle in its data.
+struct Owned {
+  uint32_t type = 0;
+  uint32_t handle = 0;
+};
+
+Owned OwnedBy(const uint8_t *block) {
+  Owned o;
+  uint32_t type = BlockType(block);
+  if ((type == COLLTYPE_TABLE || type == COLLTYPE_COLL) && BlockDataLength(block) >= 4) {
+    o.type = type;
+    o.handle = rd32(BlockData(block));
+  }
+  return o;
+}
+
+// Destroys the table or collection that a stored value owned. May release
+// the lock (the emptied collection communicates its deletions).
+void CollOrTableCheck(Owned owned, uint32_t communicate) {
+  if (owned.type == COLLTYPE_TABLE) {
+    DestroyTableHandle(owned.handle);
+  } else if (owned.type == COLLTYPE_COLL) {
+    EmptyCollection(owned.handle, communicate);
+    DestroyCollHandle(owned.handle);
+  }
+}
+
+// Removes the item at item offset p with tag length t and block length b.
+bool DeleteOldItem(uint8_t *img, uint32_t p, uint32_t t, uint32_t b) {
+  uint32_t end = p + t + 4 + b;
+  if (!CheckOffset(img, end)) return false;
+  uint32_t dl = CollDataLength(img);
+  uint8_t *items = CollItems(img);
+  std::memmove(items + p, items + end, dl - end);
+  wr16(img + ch::dataLength, dl - (t + 4 + b));
+  wr16(img + ch::itemCount, CollItemCount(img) - 1);
+  DeleteFromCache(img, p + 2);
+  return true;
+}
+
+// Appends tag and block; false (nothing changed) when the image cannot hold it.
+bool AddItemAtEnd(const uint8_t *block, uint32_t hColl, uint8_t *img, const char *tag, uint32_t n) {
+  uint32_t len = BlockLength(block);
+  uint32_t dl = CollDataLength(img);
+  if (uint64_t(COLL_HEADER_SIZE) + dl + len + n + 4 > 65535) return false;
+  img = collReAllocColl(hColl, COLL_HEADER_SIZE + dl + n + len + 4);
+  if (!img) return false;
+  uint32_t q = dl;
+  wr16(img + ch::dataLength, dl + n + len + 4);
+  if (!CheckOffset(img, q)) return false;
+  wr16(img + ch::itemCount, CollItemCount(img) + 1);
+  uint8_t *items = CollItems(img);
+  wr16(items + q, n);
+  std::memcpy(items + q + 2, tag, n);
+  AddToCache(img, q + 2);
+  wr16(items + q + 2 + n, len);
+  std::memcpy(items + q + 4 + n, block, len);
+  return true;
+}
+
+// Holds a copy of a tag: on the stack when short, else on the heap.
+class TagCopy {
+ public:
+  TagCopy(const void *tag, uint32_t n) : n_(n) {
+    p_ = n < sizeof(local_) ? local_ : static_cast<char *>(collAllocPtr(n + 1));
+    if (p_) {
+      std::memcpy(p_, tag, n);
+      p_[n] = 0;
+    }
+  }
+  ~TagCopy() {
+    if (p_ != local_) collFreePtr(p_);
+  }
+  TagCopy(const TagCopy &) = delete;
+  TagCopy &operator=(const TagCopy &) = delete;
+  const char *get() const { return p_; }
+  uint32_t size() const { return n_; }
+
+ private:
+  char local_[128];
+  char *p_;
+  uint32_t n_;
+};
+
+}  // namespace
+
+void ReleaseItem(uint8_t *block, uint32_t flag) {
+  if (block && flag) collFreePtr(block);
+}
+
+uint32_t SetItem(uint32_t hColl, const char *tag, uint8_t *block, uint32_t communicate) {
+  return SetItemN(hColl, tag, collstrlen(tag, 0xFFFFFFFFu), block, communicate);
+}
+
+uint32_t SetItemN(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, uint32_t communicate) {
+  if (n == 0) {
+    collFreePtr(block);
+    return 0;
+  }
+  uint8_t *img = AccessColl(hColl);
+  if (!img) {
+    collFreePtr(block);
+    return 0;
+  }
+  if (block && BlockLength(block) == ITEM_BLOCK_HEAD) {
+    collFreePtr(block);
+    block = nullptr;
+  }
+  if (block && CollLockThread(img) != 0) wr16(block + ib::tranFlag, 1);
+
+  // The lookup is repeated when destroying the old value released the lock
+  // and another thread stored the same tag meanwhile.
+  uint32_t t, p;
+  while (GetItemOffset(img, tag, n, &t, &p)) {
+    uint8_t *items = CollItems(img);
+    uint32_t b = rd16(items + p + 2 + t);
+    uint8_t *stored = items + p + 4 + t;
+    uint32_t dl = CollDataLength(img);
+    if (block && BlockLength(block) == b) {
+      // Same length: overwrite in place, then drop what the old value owned.
+      Owned old = OwnedBy(stored);
+      bool valueChanged = std::memcmp(stored, block, b) != 0;
+      bool changed = valueChanged || std::memcmp(items + p + 2, tag, n) != 0;
+      if (changed) {
+        std::memcpy(items + p + 2, tag, n);
+        std::memcpy(stored, block, b);
+      }
+      collFreePtr(block);
+      // An identical value still names the object it owned: keep it.
+      if (valueChanged) CollOrTableCheck(old, communicate);
+      if (changed && communicate) {
+        img = AccessColl(hColl);
+        if (img && CollLockThread(img) == 0) CommunicateChange(hColl, tag, n);
+      }
+      return 1;
+    }
+    uint32_t len = block ? BlockLength(block) : 0;
+    if (block && len > b && COLL_HEADER_SIZE + dl - b + len > 65535) {
+      collFreePtr(block);
+      return 0;
+    }
+    const uint32_t newSize = COLL_HEADER_SIZE + dl - b + len;
+    // Never lose the old item: make room before removing it.
+    if (block && CollPagesFor(newSize) > CollPages(img)) {
+      img = collReAllocColl(hColl, newSize);
+      if (!img) {
+        collFreePtr(block);
+        return 0;
+      }
+      items = CollItems(img);
+      stored = items + p + 4 + t;
+    }
+    Owned old = OwnedBy(stored);
+    if (!DeleteOldItem(img, p, t, b)) {
+      collFreePtr(block);
+      return 0;
+    }
+    if (CollLockThread(img) != 0) {
+      if (block)
+        DeleteTagFromCommunicateQueue(hColl, tag, n);
+      else
+        AddTagToCommunicateQueue(hColl, tag, n);
+    }
+    collReAllocColl(hColl, newSize);
+    bool released = old.type != 0;
+    CollOrTableCheck(old, communicate);
+    img = AccessColl(hColl);
+    if (!img) {
+      collFreePtr(block);
+      return 0;
+    }
+    if (!released) break;
+  }
+  if (block) {
+    bool added = AddItemAtEnd(block, hColl, img, tag, n);
+    collFreePtr(block);
+    if (!added) return 0;
+    img = GetCollPtr(hColl);
+  }
+  if (communicate && img && CollLockThread(img) == 0) CommunicateChange(hColl, tag, n);
+  return 1;
+}
+
+uint32_t GetItem(uint8_t *img, const char *tag, uint8_t **block) {
+  uint32_t off = FindAndSkipTag(img, tag, collstrlen(tag, 0xFFFFFFFFu));
+  if (off == kBadIndex) return 0;
+  *block = CollItems(img) + off + 2;
+  return 1;
+}
+
+void EmptyCollection(uint32_t hColl, uint32_t communicate) {
+  if (hColl == ps->hCatalog) return;
+  uint8_t *img = AccessColl(hColl);
+  if (!img) return;
+  uint32_t count = CollItemCount(img);
+  for (uint32_t i = 0; i < count; ++i) {
+    ItemCursor cur;
+    if (!ItemAt(img, 0, &cur)) break;
+    TagCopy tag(cur.tag, cur.t);
+    if (!tag.get()) break;
+    SetItemN(hColl, tag.get(), tag.size(), nullptr, communicate);
+    img = AccessColl(hColl);
+    if (!img) return;
+  }
+  collReAllocColl(hColl, COLL_HEADER_SIZE);
+}
+
+namespace {
+
+uint8_t *DupTable(uint8_t *copy, uint32_t hNewOwner) {
+  uint8_t *src = GetTablePtr(rd32(BlockData(copy)));
+  uint8_t *hdr = src ? static_cast<uint8_t *>(collAllocPtr(TABLE_HEADER_SIZE)) : nullptr;
+  if (!hdr) {
+    collFreePtr(copy);
+    return nullptr;
+  }
+  std::memcpy(hdr, src, TABLE_HEADER_SIZE);
+  TableDataRec &rec = ps->tableData[TableDataIndex(hdr)];
+  ++rec.refCount;
+  uint32_t h = SetTablePtr(hdr, hNewOwner);
+  if (h == 0) {
+    --rec.refCount;
+    collFreePtr(hdr);
+    collFreePtr(copy);
+    return nullptr;
+  }
+  wr32(BlockData(copy), h);
+  return copy;
+}
+
+uint8_t *DupColl(uint8_t *copy, uint32_t hNewOwner) {
+  uint32_t hSource = rd32(BlockData(copy));
+  uint8_t *src = AccessColl(hSource);
+  // The source's items are copied from a snapshot: storing into the child
+  // may release the lock, after which the source image could have moved.
+  uint32_t count = src ? CollItemCount(src) : 0;
+  uint32_t dl = src ? CollDataLength(src) : 0;
+  uint8_t *snap = src ? static_cast<uint8_t *>(collAllocPtr(COLL_HEADER_SIZE + dl)) : nullptr;
+  uint32_t child = snap ? InternalCollCreate(hNewOwner) : 0;
+  if (!child) {
+    collFreePtr(snap);
+    collFreePtr(copy);
+    return nullptr;
+  }
+  std::memcpy(snap, src, COLL_HEADER_SIZE + dl);
+  uint32_t p = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    ItemCursor cur;
+    if (!ItemAt(snap, p, &cur)) break;
+    uint8_t *value = DupItem(cur.block, child);
+    if (!SetItemN(child, reinterpret_cast<const char *>(cur.tag), cur.t, value, 0)) {
+      collFreePtr(snap);
+      collFreePtr(copy);
+      DestroyCollHandle(child);
+      return nullptr;
+    }
+    p = NextItemOffset(cur);
+  }
+  collFreePtr(snap);
+  wr32(BlockData(copy), child);
+  return copy;
+}
+
+}  // namespace
+
+uint8_t *DupItem(const uint8_t *block, uint32_t hNewOwner) {
+  uint32_t len = BlockLength(block);
+  uint8_t *copy = static_cast<uint8_t *>(collAllocPtr(len));
+  if (!copy) return nullptr;
+  std::memcpy(copy, block, len);
+  if (len < ITEM_BLOCK_HEAD + 4) return copy;
+  switch (BlockType(block)) {
+    case COLLTYPE_TABLE:
+      return DupTable(copy, hNewOwner);
+    case COLLTYPE_COLL:
+      return DupColl(copy, hNewOwner);
+    default:
+      return copy;
+  }
+}
+
+}  // namespace coll

@@ -1,0 +1,142 @@
+// store.h - the collection image, the item encoding and the item store.
+//
+// A collection is one heap block: a 678-byte header followed by the item
+// area, where items lie packed: u16 tag length t, t tag bytes, u16 block
+// length b, and the value block (u16 type, u16 tranFlag, u16 length, data).
+// Offsets named "item offset" count from the start of the item area.
+#ifndef COLL_STORE_STORE_H
+#define COLL_STORE_STORE_H
+
+#include <cstdint>
+
+#include "frame/frame.h"
+
+namespace coll {
+
+constexpr uint32_t COLL_MAGIC = 0x1010;
+constexpr uint32_t COLL_MARK = 0xCE00;
+constexpr uint32_t COLL_HEADER_SIZE = 678;
+constexpr uint32_t COLL_PAGE = 2048;
+constexpr uint32_t COLL_MAX_PAGES = 31;
+constexpr uint32_t COLL_NAME_SIZE = 64;
+constexpr uint32_t COLL_MODULE_SIZE = 32;
+constexpr uint32_t COLL_LIST_SIZE = 32;  // advice and propagation entries
+constexpr uint32_t COLL_CACHE_SIZE = 10;
+constexpr uint32_t ITEM_BLOCK_HEAD = 6;
+constexpr uint32_t ITEM_MAX_DATA = 65529;  // 65,535 - 6
+
+// CollHeader field offsets.
+namespace ch {
+constexpr uint32_t magic = 0;
+constexpr uint32_t mark = 2;
+constexpr uint32_t id = 4;
+constexpr uint32_t itemCount = 6;
+constexpr uint32_t shareCount = 8;
+constexpr uint32_t dataLength = 10;
+constexpr uint32_t headerSize = 12;
+constexpr uint32_t name = 14;
+constexpr uint32_t creatorProcess = 78;
+constexpr uint32_t lockThread = 82;
+constexpr uint32_t creatorModule = 86;
+constexpr uint32_t pages = 118;
+constexpr uint32_t owner = 122;
+constexpr uint32_t adviceTarget = 126;
+constexpr uint32_t adviceCount = 254;
+constexpr uint32_t propTarget = 382;
+constexpr uint32_t propId = 510;
+constexpr uint32_t tagCache = 638;
+}  // namespace ch
+
+// ItemBlock field offsets.
+namespace ib {
+constexpr uint32_t type = 0;
+constexpr uint32_t tranFlag = 2;
+constexpr uint32_t length = 4;
+constexpr uint32_t data = 6;
+}  // namespace ib
+
+// Header accessors.
+inline uint32_t CollItemCount(const uint8_t *img) { return rd16(img + ch::itemCount); }
+inline uint32_t CollDataLength(const uint8_t *img) { return rd16(img + ch::dataLength); }
+inline uint32_t CollShareCount(const uint8_t *img) { return rd16(img + ch::shareCount); }
+inline uint32_t CollId(const uint8_t *img) { return rd16(img + ch::id); }
+inline uint32_t CollPages(const uint8_t *img) { return rd32(img + ch::pages); }
+inline uint32_t CollOwner(const uint8_t *img) { return rd32(img + ch::owner); }
+inline uint32_t CollLockThread(const uint8_t *img) { return rd32(img + ch::lockThread); }
+inline uint32_t CollCreatorProcess(const uint8_t *img) { return rd32(img + ch::creatorProcess); }
+// The item area.
+inline uint8_t *CollItems(uint8_t *img) { return img + COLL_HEADER_SIZE; }
+inline const uint8_t *CollItems(const uint8_t *img) { return img + COLL_HEADER_SIZE; }
+
+// Value block accessors.
+inline uint32_t BlockType(const uint8_t *blk) { return rd16(blk + ib::type); }
+inline uint32_t BlockLength(const uint8_t *blk) { return rd16(blk + ib::length); }
+inline uint32_t BlockDataLength(const uint8_t *blk) { return rd16(blk + ib::length) - ITEM_BLOCK_HEAD; }
+inline uint8_t *BlockData(uint8_t *blk) { return blk + ib::data; }
+inline const uint8_t *BlockData(const uint8_t *blk) { return blk + ib::data; }
+
+// Walks the item area of a consistent image. Each step gives the item
+// offset p, the tag length t, the tag and the stored value block.
+struct ItemCursor {
+  uint32_t p;       // item offset of the item
+  uint32_t t;       // tag length
+  uint8_t *tag;     // tag characters (not terminated)
+  uint8_t *block;   // the stored ItemBlock
+  uint32_t b;       // block length word
+};
+// Fills cur for the item at item offset p; false when the item does not lie
+// wholly inside dataLength.
+bool ItemAt(uint8_t *img, uint32_t p, ItemCursor *cur);
+// The item after cur; false at the end (or when the image is inconsistent).
+inline uint32_t NextItemOffset(const ItemCursor &cur) { return cur.p + 4 + cur.t + cur.b; }
+
+// ---- pointer tests and strings (no lock needed)
+// Non-zero when the memory is not accessible; size 0 always passes; for
+// reads, size 1 or 0xFFFFFFFF tests the first byte only.
+uint32_t isBadPtr(const void *p, uint32_t write, uint32_t size);
+// Bytes before the first zero, at most max (0xFFFFFFFF: unbounded).
+uint32_t collstrlen(const void *s, uint32_t max);
+
+// ---- image primitives (REQUIRES: lock held)
+uint32_t InternalCollCreate(uint32_t hOwner);
+uint8_t *collReAllocColl(uint32_t hColl, uint32_t size);
+// Pages needed for size bytes in use; > COLL_MAX_PAGES means refused.
+inline uint32_t CollPagesFor(uint32_t size) { return (size + 4) / COLL_PAGE + 1; }
+bool CheckOffset(const uint8_t *img, uint32_t offset);
+uint32_t GetCollWord(const uint8_t *img, uint32_t offset);
+void SetCollWord(uint8_t *img, uint32_t offset, uint32_t value);
+// Tag search (n = tag length; tags are not terminated).
+uint32_t FindAndSkipTag(uint8_t *img, const char *tag, uint32_t n);
+uint32_t GetItemOffset(uint8_t *img, const char *tag, uint32_t n, uint32_t *t, uint32_t *p);
+uint32_t SearchCache(const uint8_t *img, const char *tag, uint32_t n, uint32_t *c);
+void AddToCache(uint8_t *img, uint32_t c);
+void DeleteFromCache(uint8_t *img, uint32_t c);
+// A new heap value block; null without memory or for more than
+// ITEM_MAX_DATA data bytes.
+uint8_t *BuildItem(uint32_t type, const void *data, uint32_t dataLength);
+uint32_t RetrieveItem(uint32_t hColl, uint8_t **image, const char *tag, uint8_t **block,
+                      uint32_t *dataLength);
+// Copies the name field (at most 64 bytes) of an image.
+void SetCollName(uint8_t *img, const char *name, uint32_t n);
+inline uint32_t CollNameLength(const uint8_t *img) { return collstrlen(img + ch::name, COLL_NAME_SIZE); }
+
+// ---- the item store (REQUIRES: lock held)
+// Takes over block (freed on every path). Null block or length 6: deletion.
+uint32_t SetItem(uint32_t hColl, const char *tag, uint8_t *block, uint32_t communicate);
+uint32_t SetItemN(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, uint32_t communicate);
+uint8_t *DupItem(const uint8_t *block, uint32_t hNewOwner);
+void EmptyCollection(uint32_t hColl, uint32_t communicate);
+uint32_t GetItem(uint8_t *img, const char *tag, uint8_t **block);
+void ReleaseItem(uint8_t *block, uint32_t flag);
+
+// ---- output helpers
+void cpyOutput(void *buffer, uint32_t size, const void *source, uint32_t n);
+uint32_t printable(const void *bytes, uint32_t n);
+uint32_t BuildItemResult(const uint8_t *block, void *buffer, uint32_t size, uint32_t dataLength);
+// Finds a table item: its header and handle. REQUIRES: lock held.
+uint32_t RetrieveTableItem(uint32_t hColl, uint8_t **image, const char *tag, uint8_t **header,
+                           uint32_t *hTable);
+
+}  // namespace coll
+
+#endif  // COLL_STORE_STORE_H

@@ -1,0 +1,54 @@
+// table.h - the table header and its data block.
+//
+// A table handle points to a 48-byte header; all strings of the table
+// (column names, fields row by row, five attribute strings, each
+// zero-terminated) live in one data block held by a table data record of
+// the state block, which several headers may share (copy on write).
+#ifndef COLL_TABLES_TABLE_H
+#define COLL_TABLES_TABLE_H
+
+#include <cstdint>
+
+#include "frame/frame.h"
+
+namespace coll {
+
+constexpr uint32_t TABLE_MAGIC = 0x1212;
+constexpr uint32_t TABLE_HEADER_SIZE = 48;
+constexpr uint32_t TABLE_PAGE = 1023;
+constexpr uint32_t TABLE_MAX_PAGES = 64;
+constexpr uint32_t TABLE_NO_SELECTION = 0xFFFF;
+constexpr uint32_t TABLE_ATTRIBUTES = 5;
+
+// TableHdr field offsets.
+namespace th {
+constexpr uint32_t magic = 0;
+constexpr uint32_t length = 2;
+constexpr uint32_t type = 4;
+constexpr uint32_t rows = 6;
+constexpr uint32_t cols = 8;
+constexpr uint32_t selection = 10;
+constexpr uint32_t cacheValid = 12;
+constexpr uint32_t cacheOffset = 16;
+constexpr uint32_t cacheIndex = 20;
+constexpr uint32_t rowsOffset = 24;
+constexpr uint32_t attrOffset = 28;
+constexpr uint32_t pages = 32;
+constexpr uint32_t stamp = 36;
+constexpr uint32_t dataIndex = 40;
+constexpr uint32_t owner = 44;
+}  // namespace th
+
+inline uint32_t TableLength(const uint8_t *h) { return rd16(h + th::length); }
+inline uint32_t TableRows(const uint8_t *h) { return rd16(h + th::rows); }
+inline uint32_t TableCols(const uint8_t *h) { return rd16(h + th::cols); }
+inline uint32_t TableSelection(const uint8_t *h) { return rd16(h + th::selection); }
+inline uint32_t TableDataIndex(const uint8_t *h) { return rd32(h + th::dataIndex); }
+inline uint32_t TableOwner(const uint8_t *h) { return rd32(h + th::owner); }
+
+// 1 when the header breaks an invariant (or is null), else 0.
+uint32_t isBadTablePtr(const uint8_t *header);
+
+}  // namespace coll
+
+#endif  // COLL_TABLES_TABLE_H

@@ -1,0 +1,85 @@
+#include "tests/test_util.h"
+
+#include "store/store.h"
+
+namespace testutil {
+
+std::string Item(HCOLL h, const char *tag) {
+  uint32_t n = collGetItem(h, tag, nullptr, 0);
+  if (n == 0) return "<missing>";
+  std::string s(n + 1, '\0');
+  collGetItem(h, tag, s.data(), n + 1);
+  s.resize(n);
+  return s;
+}
+
+std::string Tags(HCOLL h) {
+  std::string out;
+  uint32_t count = collItemCount(h);
+  for (uint32_t i = 0; i < count; ++i) {
+    uint32_t n = collNameItem(h, i, nullptr, 0);
+    std::string tag(n, '\0');
+    collNameItem(h, i, tag.data(), n);
+    tag.resize(n ? n - 1 : 0);
+    if (i) out += ',';
+    out += tag;
+  }
+  return out;
+}
+
+std::string ItemArea(HCOLL h) {
+  coll::LockGuard lock;
+  uint8_t *img = coll::GetCollPtr(h);
+  if (!img) return {};
+  return std::string(reinterpret_cast<char *>(coll::CollItems(img)), coll::CollDataLength(img));
+}
+
+uint32_t Pages(HCOLL h) {
+  coll::LockGuard lock;
+  uint8_t *img = coll::GetCollPtr(h);
+  return img ? coll::CollPages(img) : 0;
+}
+
+std::string CheckImage(HCOLL h) {
+  using namespace coll;
+  LockGuard lock;
+  uint8_t *img = GetCollPtr(h);
+  if (!img) return "invalid handle";
+  uint32_t dl = CollDataLength(img);
+  if (COLL_HEADER_SIZE + dl > CollPages(img) * COLL_PAGE) return "data past the pages";
+  if (CollPages(img) != CollPagesFor(COLL_HEADER_SIZE + dl) && CollPages(img) < CollPagesFor(COLL_HEADER_SIZE + dl))
+    return "too few pages";
+  uint32_t p = 0, count = 0;
+  while (p < dl) {
+    ItemCursor cur;
+    if (!ItemAt(img, p, &cur)) return "item runs past the data at " + std::to_string(p);
+    if (cur.t == 0) return "empty tag";
+    if (BlockLength(cur.block) != cur.b) return "block length mismatch";
+    p = NextItemOffset(cur);
+    ++count;
+  }
+  if (p != dl) return "walk does not end at the data length";
+  if (count != CollItemCount(img)) return "item count " + std::to_string(CollItemCount(img)) + " but " +
+                                           std::to_string(count) + " items";
+  for (uint32_t i = 0; i < COLL_CACHE_SIZE; ++i) {
+    uint32_t e = rd32(img + ch::tagCache + 4 * i);
+    if (e == 0) {
+      for (uint32_t j = i; j < COLL_CACHE_SIZE; ++j)
+        if (rd32(img + ch::tagCache + 4 * j) != 0) return "cache entry after an empty one";
+      break;
+    }
+    // The entry must be the tag offset of some item.
+    uint32_t q = 0;
+    bool found = false;
+    while (q < dl) {
+      ItemCursor cur;
+      ItemAt(img, q, &cur);
+      if (q + 2 == e) found = true;
+      q = NextItemOffset(cur);
+    }
+    if (!found) return "cache entry " + std::to_string(e) + " names no tag";
+  }
+  return {};
+}
+
+}  // namespace testutil

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "store/store.h"
+#include "tables/table.h"
 #include "values/values.h"
 
 namespace coll {
@@ -19,6 +20,30 @@ constexpr uint32_t kTagBuffer = 100;
 void DestroyOwnedChild(uint32_t hChild, uint32_t hOwner) {
   uint8_t *img = GetCollPtr(hChild);
   if (img && CollOwner(img) == hOwner) DestroyCollHandle(hChild);
+}
+
+// The handle whose image is img; 0 when none.
+uint32_t HandleOfImage(const uint8_t *img) {
+  for (uint32_t slot = 1; slot < kSlots; ++slot)
+    if (ps->collPtrs[slot] == img) return kCollBase + slot;
+  return 0;
+}
+
+// False when a snapshot's table or collection value no longer names an
+// object of hSource: the lock was released and the item changed meanwhile,
+// and the handle may since name something else.
+bool StillOwned(const uint8_t *block, uint32_t hSource) {
+  if (hSource == 0 || BlockDataLength(block) < 4) return true;
+  uint32_t h = rd32(BlockData(block));
+  if (BlockType(block) == COLLTYPE_COLL) {
+    const uint8_t *img = GetCollPtr(h);
+    return img && CollOwner(img) == hSource;
+  }
+  if (BlockType(block) == COLLTYPE_TABLE) {
+    const uint8_t *hdr = GetTablePtr(h);
+    return hdr && TableOwner(hdr) == hSource;
+  }
+  return true;
 }
 
 }  // namespace
@@ -37,6 +62,7 @@ uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, uint32_t commu
     return 0;
   }
   std::memcpy(snap, sourceImage, COLL_HEADER_SIZE + dl);
+  const uint32_t hSource = HandleOfImage(sourceImage);
   uint32_t result = 1;
   uint32_t p = 0;
   for (uint32_t i = 0; i < count; ++i) {
@@ -55,7 +81,7 @@ uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, uint32_t commu
     std::memset(tag, 0, tagSize);
     std::memcpy(tag, cur.tag, cur.t);
     // A value that cannot be copied arrives as no block: the tag is deleted.
-    uint8_t *copy = DupItem(cur.block, hDest);
+    uint8_t *copy = StillOwned(cur.block, hSource) ? DupItem(cur.block, hDest) : nullptr;
     if (!SetItemN(hDest, tag, cur.t, copy, communicate)) {
       result = 0;
       break;

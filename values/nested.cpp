@@ -48,7 +48,7 @@ bool StillOwned(const uint8_t *block, uint32_t hSource) {
 
 }  // namespace
 
-uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, uint32_t communicate) {
+uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, bool intoNew) {
   // Storing may release the lock (change communication, the transaction
   // wait), after which the source image could have moved: walk a snapshot.
   uint32_t count = CollItemCount(sourceImage);
@@ -80,9 +80,10 @@ uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, uint32_t commu
     }
     std::memset(tag, 0, tagSize);
     std::memcpy(tag, cur.tag, cur.t);
-    // A value that cannot be copied arrives as no block: the tag is deleted.
+    // A value that cannot be copied arrives as no block: a merge deletes the
+    // tag and goes on, a new copy fails as a whole.
     uint8_t *copy = StillOwned(cur.block, hSource) ? DupItem(cur.block, hDest) : nullptr;
-    if (!SetItemN(hDest, tag, cur.t, copy, communicate)) {
+    if ((!copy && intoNew) || !SetItemN(hDest, tag, cur.t, copy, intoNew ? 0 : 1)) {
       result = 0;
       break;
     }
@@ -93,7 +94,7 @@ uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, uint32_t commu
 }
 
 uint32_t collMergeInternal(uint32_t hDest, const uint8_t *sourceImage) {
-  return CopyAllItems(hDest, sourceImage, 1);
+  return CopyAllItems(hDest, sourceImage, false);
 }
 
 }  // namespace coll
@@ -127,9 +128,7 @@ COLL_API(uint32_t) collSetColl(uint32_t hColl, const char *tag, uint32_t hSource
   uint32_t child = InternalCollCreate(hColl);
   if (!child) return 0;
   SetCollName(GetCollPtr(child), reinterpret_cast<const char *>(src + ch::name), CollNameLength(src));
-  // The child's handle is known to nobody yet: its filling is not
-  // communicated.
-  if (!CopyAllItems(child, src, 0)) {
+  if (!CopyAllItems(child, src, true)) {
     DestroyOwnedChild(child, hColl);
     return SetItem(hColl, tag, nullptr, 1);
   }
@@ -164,7 +163,7 @@ COLL_API(uint32_t) collGetColl(uint32_t hColl, const char *tag) {
       uint32_t h = InternalCollCreate(0);
       if (!h) return 0;
       SetCollName(GetCollPtr(h), reinterpret_cast<const char *>(child + ch::name), CollNameLength(child));
-      if (!CopyAllItems(h, child, 0)) {
+      if (!CopyAllItems(h, child, true)) {
         DestroyOwnedChild(h, 0);
         return 0;
       }

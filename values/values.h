@@ -24,11 +24,14 @@ uint32_t SetNumeric(uint32_t hColl, const char *tag, int32_t value);
 
 // Copies every item of the collection image sourceImage, in order, into
 // hDest (deep copies of tables and collections), replacing items of equal
-// tags. An item whose value cannot be copied deletes the tag in hDest. Works
-// from a snapshot, so sourceImage need only be valid on entry. 1, or 0 when
-// a store fails (the items copied so far stay). REQUIRES: lock held.
-uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, uint32_t communicate);
-// CopyAllItems with each change communicated as any change of hDest.
+// tags. Works from a snapshot, so sourceImage need only be valid on entry.
+// 1, or 0 when a store fails (the items copied so far stay).
+// intoNew: hDest is a new collection that nobody knows yet; nothing is
+// communicated and a value that cannot be copied fails the copy. Otherwise
+// each change is communicated and such a value deletes the tag in hDest.
+// REQUIRES: lock held.
+uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, bool intoNew);
+// Merges: CopyAllItems into an existing collection.
 uint32_t collMergeInternal(uint32_t hDest, const uint8_t *sourceImage);
 
 // ---- placeholder substitution (no lock held: each value is read through

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -114,23 +115,31 @@ TEST(Rendering, TimesAsLocalTimeText) {
   }
 }
 
+TEST(Rendering, TimesFollowTheLocalZone) {
+  setenv("TZ", "EST5", 1);  // this process only
+  tzset();
+  uint8_t d[4] = {};
+  EXPECT_EQ(Render(COLLTYPE_TIME, d, 4).text, "Wed Dec 31 19:00:00 1969");
+}
+
 TEST(Rendering, ShortNumberOrTimeHasNoText) {
   EXPECT_EQ(Render(COLLTYPE_NUMERIC, "ab", 2).result, 0u);
   EXPECT_EQ(Render(COLLTYPE_TIME, "abc", 3).result, 0u);
 }
 
-TEST(Rendering, LengthQueryAndTruncation) {
-  EXPECT_EQ(Render(COLLTYPE_STRING, "abcdef", 6, 0).result, 7u);
-  Text t = Render(COLLTYPE_STRING, "abcdef", 6, 4);
-  EXPECT_EQ(t.text, "abc");
-  EXPECT_EQ(t.result, 7u);
+TEST(Rendering, FormattedTextsAreCutToo) {
   uint8_t d[4];
   coll::wr32(d, static_cast<uint32_t>(-12345));
-  t = Render(COLLTYPE_NUMERIC, d, 4, 3);
+  Text t = Render(COLLTYPE_NUMERIC, d, 4, 3);
   EXPECT_EQ(t.text, "-1");
   EXPECT_EQ(t.result, 7u);
   t = Render(COLLTYPE_NUMERIC, d, 4, 1);
   EXPECT_EQ(t.text, "");
+  EXPECT_EQ(Render(COLLTYPE_NUMERIC, d, 4, 0).result, 7u);
+  coll::wr32(d, 0);
+  t = Render(COLLTYPE_TIME, d, 4, 11);
+  EXPECT_EQ(t.text, "Thu Jan  1");
+  EXPECT_EQ(t.result, 25u);
 }
 
 // ---------------------------------------------------------------- numbers
@@ -223,15 +232,6 @@ TEST(Strings, EmptyTextDeletesTheItem) {
   Text t = GetText(h, "a", 10);
   EXPECT_EQ(t.result, 1u);
   EXPECT_EQ(t.text, "");
-}
-
-TEST(Strings, ReplacingKeepsTheLastSpelling) {
-  HCOLL h = collOpen("s");
-  collSetString(h, "Key", "short");
-  collSetString(h, "KEY", "a longer value");
-  EXPECT_EQ(testutil::Tags(h), "KEY");
-  EXPECT_EQ(GetText(h, "key").text, "a longer value");
-  EXPECT_EQ(testutil::CheckImage(h), "");
 }
 
 TEST(Strings, ReadsEveryType) {

@@ -137,7 +137,7 @@ COLL_API(uint32_t) collGetString(uint32_t hColl, const char *tag, char *buffer, 
   LockGuard lock;
   uint8_t *img, *block;
   uint32_t len;
-  if (!RetrieveItem(hColl, &img, tag, &block, &len)) return 1;
+  if (!RetrieveItem(hColl, &img, tag, &block, &len)) return img ? 1 : 0;  // missing: the empty text
   return BuildStringResult(block, buffer, size, len);
 }
 
@@ -151,6 +151,7 @@ COLL_API(char *) collObtainString(uint32_t hColl, const char *tag, CollAllocFunc
   uint8_t *img, *block;
   uint32_t len;
   if (!RetrieveItem(hColl, &img, tag, &block, &len)) {
+    if (!img) return nullptr;  // the collection went before the lock was taken
     // A missing item reads as the empty text.
     *length = 1;
     char *empty = static_cast<char *>(allocate(1));

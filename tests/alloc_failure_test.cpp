@@ -102,4 +102,46 @@ TEST(AllocFailure, NestedCopies) {
   });
 }
 
+TEST(AllocFailure, TypedValues) {
+  ForEveryAllocation([] {
+    uint32_t h = collOpen("typed");
+    uint32_t src = collOpen("src");
+    if (!h || !src) {
+      collClose(h);
+      collClose(src);
+      return;
+    }
+    // A failed store keeps the old value.
+    collSetString(h, "s", " 42");
+    std::string old = Item(h, "s");
+    if (!collSetString(h, "s", "a longer text")) { EXPECT_EQ(Item(h, "s"), old); }
+    if (collSetNumeric(h, "n", -7)) { EXPECT_EQ(collGetNumeric(h, "n"), -7); }
+    if (collSetTime(h, "t", 0)) { EXPECT_EQ(collGetType(h, "t"), uint32_t(COLLTYPE_TIME)); }
+    int32_t v = collGetNumeric(h, "s");  // needs a scratch copy
+    EXPECT_TRUE(v == 0 || v == 42 || Item(h, "s") != old);
+    // Nested copies are complete or absent.
+    collSetString(src, "a", "1");
+    collSetNumeric(src, "b", 2);
+    const bool full = collItemCount(src) == 2;
+    if (collSetColl(h, "k", src) && full && collGetType(h, "k") == COLLTYPE_COLL) {
+      uint32_t got = collGetColl(h, "k");
+      if (got) { EXPECT_EQ(collItemCount(got), 2u); }
+      collClose(got);
+    }
+    // A merge drops an item whose value cannot be copied and goes on.
+    if (collMerge(h, src) && full) {
+      uint32_t type = collGetType(h, "b");
+      EXPECT_TRUE(type == COLLTYPE_NUMERIC || type == 0) << type;
+    }
+    // Substitution: the whole text, or the empty text when the working text
+    // could not grow; a value that cannot be read gives nothing.
+    char buf[64];
+    uint32_t r = collSetString(h, "s", "xyz") ? collSubstitute(h, "<!s.>", buf, sizeof buf) : 0;
+    if (r) { EXPECT_TRUE(std::string(buf) == "<xyz>" || std::string(buf) == "<>" || std::string(buf) == "") << buf; }
+    EXPECT_EQ(CheckImage(h), "");
+    collClose(h);
+    collClose(src);
+  });
+}
+
 }  // namespace

@@ -1,6 +1,6 @@
 // common.cpp - the parts of the platform layer that need nothing from the
 // operating system beyond waiting: atomic loads and stores, run-once, the
-// allocation-failure hook, the memory tests and file names.
+// allocation-failure hook, the memory tests, file names and times.
 #include "platform/common.h"
 
 #include "platform/platform.h"
@@ -27,7 +27,7 @@ void CallOnce(OnceFlag *flag, void (*fn)()) {
   while (__atomic_load_n(&flag->state, __ATOMIC_ACQUIRE) != 2) WaitOnWord(&flag->state, 1, 10);
 }
 
-// ---------------------------------------------------------------- file names
+// ---------------------------------------------------------------- file names, times
 
 uint32_t CopyFileName(const char *path, char separator, char *buffer, uint32_t size) {
   const char *base = std::strrchr(path, separator);
@@ -37,6 +37,16 @@ uint32_t CopyFileName(const char *path, char separator, char *buffer, uint32_t s
   std::memcpy(buffer, base, len);
   buffer[len] = 0;
   return static_cast<uint32_t>(len);
+}
+
+void CivilFromTm(const std::tm &tm, CivilTime *out) {
+  out->year = tm.tm_year + 1900;
+  out->month = tm.tm_mon;
+  out->day = tm.tm_mday;
+  out->hour = tm.tm_hour;
+  out->minute = tm.tm_min;
+  out->second = tm.tm_sec;
+  out->weekday = tm.tm_wday;
 }
 
 // ---------------------------------------------------------------- allocation failures

@@ -4,6 +4,9 @@
 #define COLL_PLATFORM_COMMON_H
 
 #include <cstdint>
+#include <ctime>
+
+#include "platform/platform.h"
 
 namespace platform {
 
@@ -15,6 +18,9 @@ bool InjectFailure();
 // size - 1 bytes and zero-terminated; returns the bytes copied.
 // REQUIRES: size >= 1.
 uint32_t CopyFileName(const char *path, char separator, char *buffer, uint32_t size);
+
+// Fills *out from a broken-down time of the C library.
+void CivilFromTm(const std::tm &tm, CivilTime *out);
 
 }  // namespace platform
 

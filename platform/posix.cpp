@@ -83,13 +83,7 @@ bool LocalTime(uint32_t secondsSince1970, CivilTime *out) {
   time_t t = static_cast<time_t>(secondsSince1970);
   struct tm tm;
   if (!localtime_r(&t, &tm)) return false;
-  out->year = tm.tm_year + 1900;
-  out->month = tm.tm_mon;
-  out->day = tm.tm_mday;
-  out->hour = tm.tm_hour;
-  out->minute = tm.tm_min;
-  out->second = tm.tm_sec;
-  out->weekday = tm.tm_wday;
+  CivilFromTm(tm, out);
   return true;
 }
 

@@ -24,6 +24,7 @@
 #undef InterlockedDecrement
 
 #include <cstring>
+#include <ctime>
 
 #include "coll_host.h"
 #include "platform/common.h"
@@ -136,6 +137,16 @@ uint32_t ExecutableName(char *buffer, uint32_t size) {
   if (n > 0 && n < capacity) len = CopyFileName(path, '\\', buffer, size);
   if (path != local) ::HeapFree(::GetProcessHeap(), 0, path);
   return len;
+}
+
+// The C runtime's conversion, which honours TZ as localtime does; the 64-bit
+// time covers every unsigned 32-bit count.
+bool LocalTime(uint32_t secondsSince1970, CivilTime *out) {
+  __time64_t t = static_cast<__time64_t>(secondsSince1970);
+  struct tm tm;
+  if (_localtime64_s(&tm, &t) != 0) return false;
+  CivilFromTm(tm, out);
+  return true;
 }
 
 // ---------------------------------------------------------------- memory

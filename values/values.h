@@ -13,6 +13,15 @@ namespace coll {
 // reports the length. The one rule by which every item reads as text.
 uint32_t BuildStringResult(const uint8_t *block, char *buf, uint32_t size, uint32_t dataLength);
 
+// Writes the local time of a count of seconds since 1970 as
+// "Thu Jan  1 00:00:00 1970" (24 characters, no newline) and a zero into out;
+// returns the length, 0 when the time cannot be converted. REQUIRES: out
+// holds at least 32 bytes.
+uint32_t FormatTime(uint32_t seconds, char *out);
+
+// Stores value under tag as a number item. 1 or 0. REQUIRES: lock held.
+uint32_t SetNumeric(uint32_t hColl, const char *tag, int32_t value);
+
 }  // namespace coll
 
 #endif  // COLL_VALUES_VALUES_H

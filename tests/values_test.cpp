@@ -324,3 +324,258 @@ TEST(Obtain, FailuresAndAllocatorRefusal) {
   EXPECT_EQ(std::string(p), "abc");
   std::free(p);
 }
+TEST(Strings, NestedCollectionHasNoText) {
+  HCOLL h = collOpen("s"), src = collOpen("src");
+  collSetString(src, "x", "1");
+  ASSERT_EQ(collSetColl(h, "c", src), 1u);
+  Text t = GetText(h, "c");
+  EXPECT_EQ(t.result, 0u);
+  EXPECT_EQ(t.text, "");
+}
+TEST(Obtain, ValueWithoutTextGivesEmptyBuffer) {
+  HCOLL h = collOpen("o"), src = collOpen("src");
+  collSetString(src, "x", "1");
+  collSetColl(h, "c", src);
+  uint32_t len = 99;
+  g_allocSizes.clear();
+  char *p = collObtainString(h, "c", RecordingAlloc, &len);
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(len, 0u);
+  EXPECT_EQ(g_allocSizes, std::vector<uint32_t>{1});
+  EXPECT_EQ(p[0], 0);
+  std::free(p);
+}
+
+// ---------------------------------------------------------------- times
+
+TEST(Times, StoreAndRead) {
+  HCOLL h = collOpen("t");
+  EXPECT_EQ(collSetTime(h, "t", 0), 1u);  // 0 is a time, not a deletion
+  EXPECT_EQ(collGetType(h, "t"), static_cast<uint32_t>(COLLTYPE_TIME));
+  uint32_t t = 77;
+  EXPECT_EQ(collGetTime(h, "T", &t), 1u);
+  EXPECT_EQ(t, 0u);
+  EXPECT_EQ(collSetTime(h, "t", 0xFFFFFFFFu), 1u);
+  EXPECT_EQ(collGetTime(h, "t", &t), 1u);
+  EXPECT_EQ(t, 0xFFFFFFFFu);
+  EXPECT_EQ(GetText(h, "t").text, "Sun Feb  7 06:28:15 2106");
+  EXPECT_EQ(collGetNumeric(h, "t"), 0);
+}
+
+TEST(Times, OtherTypesAreNotConverted) {
+  HCOLL h = collOpen("t");
+  collSetString(h, "s", "12345");
+  collSetNumeric(h, "n", 12345);
+  uint32_t t = 77;
+  EXPECT_EQ(collGetTime(h, "s", &t), 0u);
+  EXPECT_EQ(collGetTime(h, "n", &t), 0u);
+  EXPECT_EQ(collGetTime(h, "missing", &t), 0u);
+  EXPECT_EQ(t, 77u);
+}
+
+TEST(Times, BadArguments) {
+  HCOLL h = collOpen("t");
+  uint32_t t = 77;
+  EXPECT_EQ(collSetTime(0x4001, "t", 5), 0u);  // not into the catalog
+  EXPECT_EQ(collGetType(0x4001, "t"), 0u);
+  EXPECT_EQ(collSetTime(0x40FE, "t", 5), 0u);
+  EXPECT_EQ(collSetTime(h, nullptr, 5), 0u);
+  collSetTime(h, "t", 5);
+  EXPECT_EQ(collGetTime(h, "t", nullptr), 0u);
+  EXPECT_EQ(collGetTime(0x40FE, "t", &t), 0u);
+  EXPECT_EQ(collGetTime(h, nullptr, &t), 0u);
+  EXPECT_EQ(t, 77u);
+}
+
+// ---------------------------------------------------------------- nested
+
+namespace {
+
+uint32_t LiveCollections() {
+  coll::LockGuard lock;
+  uint32_t n = 0;
+  for (uint32_t i = 1; i < coll::kSlots; ++i)
+    if (coll::GetCollPtr(coll::kCollBase + i)) ++n;
+  return n;
+}
+
+std::string Name(HCOLL h) {
+  char buf[80] = {};
+  collGetName(h, buf, sizeof buf);
+  return buf;
+}
+
+}  // namespace
+
+TEST(Nested, CopiesAreIndependentBothWays) {
+  HCOLL h = collOpen("holder"), s = collOpen("source");
+  collSetString(s, "x", "1");
+  collSetNumeric(s, "y", 2);
+  ASSERT_EQ(collSetColl(h, "k", s), 1u);
+  EXPECT_EQ(collGetType(h, "k"), static_cast<uint32_t>(COLLTYPE_COLL));
+  collSetString(s, "x", "changed");
+  collSetString(s, "z", "new");
+
+  HCOLL got = collGetColl(h, "K");
+  ASSERT_NE(got, 0u);
+  EXPECT_EQ(testutil::Tags(got), "x,y");
+  EXPECT_EQ(GetText(got, "x").text, "1");
+  EXPECT_EQ(collGetNumeric(got, "y"), 2);
+  EXPECT_EQ(Name(got), "source");
+
+  collSetString(got, "x", "mine");
+  HCOLL again = collGetColl(h, "k");
+  EXPECT_EQ(GetText(again, "x").text, "1");
+  EXPECT_NE(again, got);
+  EXPECT_EQ(testutil::CheckImage(got), "");
+  // The source is unchanged by being stored.
+  EXPECT_EQ(testutil::Tags(s), "y,x,z");
+}
+
+TEST(Nested, ChildIsOwnedAndNotClosable) {
+  HCOLL h = collOpen("holder"), s = collOpen("source");
+  collSetString(s, "x", "1");
+  uint32_t before = LiveCollections();
+  ASSERT_EQ(collSetColl(h, "k", s), 1u);
+  EXPECT_EQ(LiveCollections(), before + 1);
+  uint32_t child;
+  {
+    coll::LockGuard lock;
+    uint8_t *img, *block;
+    uint32_t len;
+    ASSERT_EQ(coll::RetrieveItem(h, &img, "k", &block, &len), 1u);
+    child = coll::rd32(coll::BlockData(block));
+    EXPECT_EQ(coll::CollOwner(coll::GetCollPtr(child)), h);
+  }
+  collClose(child);  // a child cannot be closed by a caller
+  EXPECT_EQ(collIsBadCollHandle(child), 0u);
+  // Replacing the item by any value destroys the child.
+  collSetNumeric(h, "k", 1);
+  EXPECT_EQ(LiveCollections(), before);
+  collSetColl(h, "k", s);
+  EXPECT_EQ(LiveCollections(), before + 1);
+  collClose(h);  // the container takes its child with it
+  EXPECT_EQ(LiveCollections(), before - 1);
+}
+
+TEST(Nested, EmptyOrNoSourceDeletesTheTag) {
+  HCOLL h = collOpen("holder"), s = collOpen("source"), empty = collOpen("empty");
+  collSetString(s, "x", "1");
+  uint32_t before = LiveCollections();
+  collSetColl(h, "k", s);
+  EXPECT_EQ(collSetColl(h, "k", empty), 1u);
+  EXPECT_EQ(collGetType(h, "k"), 0u);
+  EXPECT_EQ(LiveCollections(), before);  // no child left behind
+  collSetColl(h, "k", s);
+  EXPECT_EQ(collSetColl(h, "K", 0), 1u);
+  EXPECT_EQ(collItemCount(h), 0u);
+  EXPECT_EQ(LiveCollections(), before);
+}
+
+TEST(Nested, Refusals) {
+  HCOLL h = collOpen("holder"), s = collOpen("source");
+  collSetString(s, "x", "1");
+  EXPECT_EQ(collSetColl(h, "k", h), 0u);
+  EXPECT_EQ(collSetColl(0x4001, "k", s), 0u);
+  EXPECT_EQ(collSetColl(h, "k", 0x40FE), 0u);
+  EXPECT_EQ(collSetColl(0x40FE, "k", s), 0u);
+  EXPECT_EQ(collSetColl(h, nullptr, s), 0u);
+  EXPECT_EQ(collItemCount(h), 0u);
+  EXPECT_EQ(collGetColl(0x40FE, "k"), 0u);
+  EXPECT_EQ(collGetColl(h, nullptr), 0u);
+  collSetString(h, "text", "abc");
+  EXPECT_EQ(collGetColl(h, "text"), 0u);
+}
+
+TEST(Nested, MissingTagGivesEmptyNamedCollection) {
+  HCOLL h = collOpen("holder");
+  HCOLL got = collGetColl(h, "nothing");
+  ASSERT_NE(got, 0u);
+  EXPECT_EQ(collItemCount(got), 0u);
+  EXPECT_EQ(Name(got), "Empty from CollGetColl");
+  uint32_t before = LiveCollections();
+  collClose(got);
+  EXPECT_EQ(LiveCollections(), before - 1);
+}
+
+TEST(Nested, FullLengthNameAndLongTags) {
+  std::string name(64, 'N');
+  HCOLL h = collOpen("holder"), s = collOpen(name.c_str());
+  std::string tag(300, 't');
+  collSetString(s, tag.c_str(), "long");
+  collSetString(s, "short", "s");
+  ASSERT_EQ(collSetColl(h, "k", s), 1u);
+  HCOLL got = collGetColl(h, "k");
+  EXPECT_EQ(Name(got), name);
+  EXPECT_EQ(GetText(got, tag.c_str()).text, "long");
+  EXPECT_EQ(testutil::Tags(got), tag + ",short");
+}
+
+TEST(Nested, DeepCopies) {
+  HCOLL inner = collOpen("inner"), middle = collOpen("middle"), outer = collOpen("outer");
+  collSetString(inner, "leaf", "v");
+  collSetColl(middle, "in", inner);
+  collSetString(middle, "m", "w");
+  collSetColl(outer, "mid", middle);
+  uint32_t before = LiveCollections();
+  HCOLL m = collGetColl(outer, "mid");
+  EXPECT_EQ(LiveCollections(), before + 2);  // the copy and its own child
+  HCOLL i = collGetColl(m, "in");
+  EXPECT_EQ(GetText(i, "leaf").text, "v");
+  EXPECT_EQ(Name(i), "");  // item copies of children carry no name
+  // Merging a collection that holds a child copies the child.
+  HCOLL dest = collOpen("dest");
+  EXPECT_EQ(collMerge(dest, middle), 1u);
+  collSetString(inner, "leaf", "changed");
+  collSetColl(middle, "in", inner);
+  HCOLL fromDest = collGetColl(dest, "in");
+  EXPECT_EQ(GetText(fromDest, "leaf").text, "v");
+}
+
+// ---------------------------------------------------------------- merge
+
+TEST(Merge, ReplacesWithoutRegardToCase) {
+  HCOLL dest = collOpen("dest"), src = collOpen("src");
+  collSetString(dest, "a", "x");
+  collSetString(dest, "c", "z");
+  collSetString(src, "A", "1");
+  collSetString(src, "b", "2");
+  EXPECT_EQ(collMerge(dest, src), 1u);
+  EXPECT_EQ(testutil::Tags(dest), "A,c,b");
+  EXPECT_EQ(GetText(dest, "a").text, "1");
+  EXPECT_EQ(GetText(dest, "c").text, "z");
+  EXPECT_EQ(GetText(dest, "b").text, "2");
+  EXPECT_EQ(Name(dest), "dest");
+  EXPECT_EQ(testutil::Tags(src), "A,b");
+  EXPECT_EQ(testutil::CheckImage(dest), "");
+}
+
+TEST(Merge, LongTagsAndAllTypes) {
+  HCOLL dest = collOpen("dest"), src = collOpen("src");
+  std::string tag(1000, 'q');
+  collSetString(src, tag.c_str(), "long");
+  collSetItem(src, "raw", "a\0b", 3);
+  collSetTime(src, "time", 99);
+  collSetNumeric(src, "num", -1);
+  EXPECT_EQ(collMerge(dest, src), 1u);
+  EXPECT_EQ(GetText(dest, tag.c_str()).text, "long");
+  EXPECT_EQ(testutil::Item(dest, "raw"), std::string("a\0b", 3));
+  uint32_t t = 0;
+  EXPECT_EQ(collGetTime(dest, "time", &t), 1u);
+  EXPECT_EQ(t, 99u);
+  EXPECT_EQ(collGetNumeric(dest, "num"), -1);
+}
+
+TEST(Merge, Refusals) {
+  HCOLL dest = collOpen("dest"), src = collOpen("src");
+  collSetString(src, "a", "1");
+  collSetString(dest, "d", "1");
+  EXPECT_EQ(collMerge(dest, dest), 1u);
+  EXPECT_EQ(testutil::Tags(dest), "d");
+  EXPECT_EQ(collMerge(0x4001, src), 0u);
+  EXPECT_EQ(collGetType(0x4001, "a"), 0u);
+  EXPECT_EQ(collMerge(0x40FE, src), 0u);
+  EXPECT_EQ(collMerge(dest, 0x40FE), 0u);
+  EXPECT_EQ(collMerge(dest, collOpen("empty")), 1u);
+  EXPECT_EQ(testutil::Tags(dest), "d");
+}

@@ -22,6 +22,15 @@ uint32_t FormatTime(uint32_t seconds, char *out);
 // Stores value under tag as a number item. 1 or 0. REQUIRES: lock held.
 uint32_t SetNumeric(uint32_t hColl, const char *tag, int32_t value);
 
+// Copies every item of the collection image sourceImage, in order, into
+// hDest (deep copies of tables and collections), replacing items of equal
+// tags. An item whose value cannot be copied deletes the tag in hDest. Works
+// from a snapshot, so sourceImage need only be valid on entry. 1, or 0 when
+// a store fails (the items copied so far stay). REQUIRES: lock held.
+uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, uint32_t communicate);
+// CopyAllItems with each change communicated as any change of hDest.
+uint32_t collMergeInternal(uint32_t hDest, const uint8_t *sourceImage);
+
 }  // namespace coll
 
 #endif  // COLL_VALUES_VALUES_H

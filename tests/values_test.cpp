@@ -579,3 +579,132 @@ TEST(Merge, Refusals) {
   EXPECT_EQ(collMerge(dest, collOpen("empty")), 1u);
   EXPECT_EQ(testutil::Tags(dest), "d");
 }
+
+// ---------------------------------------------------------------- substitution
+
+namespace {
+
+Text Substitute(HCOLL h, const char *templ, uint32_t size = 4096) {
+  std::vector<char> buf(size + 1, '#');
+  buf[size] = 0;
+  uint32_t r = collSubstitute(h, templ, buf.data(), size);
+  return {std::string(buf.data()), r};
+}
+
+}  // namespace
+
+TEST(Substitute, TemplateForms) {
+  HCOLL h = collOpen("My collection");
+  collSetNumeric(h, "n", 12);
+  collSetString(h, "a", "AA");
+  collSetString(h, "x!y", "bang");
+  collSetString(h, "s", "has!b. inside");
+  const struct {
+    const char *templ, *out;
+  } cases[] = {
+      {"Total: !n. items", "Total: 12 items"},
+      {"a!!b", "a!b"},
+      {"a!", "a!"},
+      {"!", "!"},
+      {"!!.", "!."},
+      {"!.", "My collection"},
+      {"[!.]", "[My collection]"},
+      {"!x!y.", "bang"},
+      {"x!abc", "x!abc"},
+      {"!a.!b", "AA!b"},
+      {"!A.!a.", "AAAA"},
+      {"A!zz.B", "AB"},
+      {"!s.", "has!b. inside"},  // values are not scanned again
+      {"", ""},
+      {"plain", "plain"},
+      {"!!!", "!!"},
+  };
+  for (const auto &c : cases) {
+    Text t = Substitute(h, c.templ);
+    EXPECT_EQ(t.text, c.out) << c.templ;
+    EXPECT_EQ(t.result, std::strlen(c.out) + 1) << c.templ;
+  }
+}
+
+TEST(Substitute, ValuesOfEveryType) {
+  HCOLL h = collOpen("h"), src = collOpen("src");
+  collSetTime(h, "t", 0);
+  collSetItem(h, "raw", "ab\0cd", 5);
+  StoreTyped(h, "zero", COLLTYPE_STRING, "ab\0cd", 5);  // stops at the zero
+  collSetString(src, "x", "1");
+  collSetColl(h, "c", src);
+  EXPECT_EQ(Substitute(h, "<!t.>").text, "<Thu Jan  1 00:00:00 1970>");
+  EXPECT_EQ(Substitute(h, "<!raw.>").text, "<ab>");
+  EXPECT_EQ(Substitute(h, "<!zero.>").text, "<ab>");
+  EXPECT_EQ(Substitute(h, "<!c.>").text, "<>");
+}
+
+TEST(Substitute, FullLengthName) {
+  std::string name(64, 'n');
+  HCOLL h = collOpen(name.c_str());
+  EXPECT_EQ(Substitute(h, "!.!.").text, name + name);
+  EXPECT_EQ(Substitute(collOpen(""), "<!.>").text, "<>");
+}
+
+TEST(Substitute, LongOutputThroughSmallBuffer) {
+  HCOLL h = collOpen("h");
+  std::string value;
+  for (int i = 0; i < 2000; ++i) value += static_cast<char>('a' + i % 26);
+  collSetString(h, "long", value.c_str());
+  Text t = Substitute(h, "!long.", 4096);
+  EXPECT_EQ(t.text, value);
+  EXPECT_EQ(t.result, 2001u);
+  t = Substitute(h, "!long.", 100);
+  EXPECT_EQ(t.text, value.substr(0, 99));
+  EXPECT_EQ(t.result, 2001u);
+  EXPECT_EQ(collSubstitute(h, "!long.", nullptr, 0), 2001u);
+  // Many values and a long template: the working text grows as it must.
+  std::string templ;
+  for (int i = 0; i < 20; ++i) templ += "[!long.]";
+  templ += std::string(1500, '.');
+  std::string expected;
+  for (int i = 0; i < 20; ++i) expected += "[" + value + "]";
+  expected += std::string(1500, '.');
+  t = Substitute(h, templ.c_str(), 50000);
+  EXPECT_EQ(t.text, expected);
+  EXPECT_EQ(t.result, expected.size() + 1);
+}
+
+TEST(Substitute, LongTagsAreLookedUpWhole) {
+  HCOLL h = collOpen("h");
+  std::string tag(300, 'k');
+  collSetString(h, tag.c_str(), "found");
+  collSetString(h, tag.substr(0, 127).c_str(), "cut");
+  EXPECT_EQ(Substitute(h, ("<!" + tag + ".>").c_str()).text, "<found>");
+}
+
+TEST(Substitute, InvalidCollectionGivesNothingForPlaceholders) {
+  Text t = Substitute(0x40FE, "x!a.y!.z");
+  EXPECT_EQ(t.text, "xyz");
+  EXPECT_EQ(t.result, 4u);
+}
+
+TEST(Substitute, BadArguments) {
+  HCOLL h = collOpen("h");
+  char buf[8];
+  EXPECT_EQ(collSubstitute(h, nullptr, buf, 8), 0u);
+  EXPECT_EQ(collSubstitute(h, "abc", nullptr, 8), 0u);
+  EXPECT_EQ(collSubstitute(h, "abc", nullptr, 0), 4u);
+}
+
+TEST(Substitute, WorkingTextGrowsByPages) {
+  coll::LockGuard lock;  // only the heap is used
+  uint32_t pages = 1;
+  char *b = static_cast<char *>(coll::collAllocPtr(500));
+  b = coll::allocateAndCheck(0, 500, &pages, b);
+  EXPECT_EQ(pages, 1u);
+  b = coll::allocateAndCheck(1, 500, &pages, b);
+  EXPECT_EQ(pages, 2u);
+  b = coll::allocateAndCheck(10, 1500, &pages, b);
+  EXPECT_EQ(pages, 4u);
+  b = coll::allocateAndCheck(0, 10, &pages, b);  // never shrinks
+  EXPECT_EQ(pages, 4u);
+  ASSERT_NE(b, nullptr);
+  b[1999] = 'x';
+  coll::collFreePtr(b);
+}

@@ -31,6 +31,23 @@ uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, uint32_t commu
 // CopyAllItems with each change communicated as any change of hDest.
 uint32_t collMergeInternal(uint32_t hDest, const uint8_t *sourceImage);
 
+// ---- placeholder substitution (no lock held: each value is read through
+// the exported readers)
+// Fills in templ from hColl into buf (cut to size - 1 and terminated);
+// returns the full output length + 1, 0 without memory for the working text.
+uint32_t BuildSubstituteOutput(const char *templ, char *buf, uint32_t size, uint32_t hColl);
+// The scan: writes the output into *buffer (of *pages x 500 bytes, grown as
+// needed); returns its length, or 0 when the buffer cannot grow.
+uint32_t SubstituteOutput(const char *templ, char **buffer, uint32_t *pages, uint32_t hColl);
+// Makes room for need bytes after used ones, growing buffer by 500-byte
+// pages; the buffer (perhaps moved), or null when it cannot grow (buffer is
+// then unchanged and still owned by the caller).
+char *allocateAndCheck(uint32_t used, uint32_t need, uint32_t *pages, char *buffer);
+// The allocator handed to collObtainString by the scan (zero-filled), and
+// its release.
+void *StringAlloc(uint32_t size);
+void StringFree(void *p);
+
 }  // namespace coll
 
 #endif  // COLL_VALUES_VALUES_H

@@ -96,6 +96,21 @@ uint32_t ExecutableName(char *buffer, uint32_t size) {
   return static_cast<uint32_t>(len);
 }
 
+bool LocalTime(uint32_t secondsSince1970, CivilTime *out) {
+  static_assert(sizeof(time_t) >= 8, "time_t must hold every unsigned 32-bit time");
+  time_t t = static_cast<time_t>(secondsSince1970);
+  struct tm tm;
+  if (!localtime_r(&t, &tm)) return false;
+  out->year = tm.tm_year + 1900;
+  out->month = tm.tm_mon;
+  out->day = tm.tm_mday;
+  out->hour = tm.tm_hour;
+  out->minute = tm.tm_min;
+  out->second = tm.tm_sec;
+  out->weekday = tm.tm_wday;
+  return true;
+}
+
 // ---------------------------------------------------------------- memory
 
 void *HeapAlloc(size_t size) { return std::calloc(1, size ? size : 1); }

@@ -658,6 +658,15 @@ bool ModifyIniFile(IniEdit (*edit)(const IniText &, const void *, IniBuilder *),
   bool isDefault;
   char *path = ProfilePath(&isDefault);
   if (!path) return false;
+  // A symbolic link stays a link: the file that it names is replaced.
+  if (char *real = realpath(path, nullptr)) {
+    char *copy = Concat(real, nullptr);
+    std::free(real);
+    if (copy) {
+      HeapFree(path);
+      path = copy;
+    }
+  }
   bool ok = false;
   int lock = LockIniFile(path, isDefault);
   if (lock >= 0) {

@@ -541,6 +541,26 @@ TEST_F(Ini, FileWithoutFinalLineBreak) {
   EXPECT_EQ(File(), "[S]\nk=v\n[T]\nx=y\n");
 }
 
+TEST_F(Ini, LinkedFileIsUpdatedThroughTheLink) {
+  std::string target = dir_ + "/real.ini";
+  std::string link = dir_ + "/link.ini";
+  ASSERT_EQ(symlink("real.ini", link.c_str()), 0);
+  collHostSetProfilePath(target.c_str());
+  ASSERT_TRUE(platform::ProfileWriteString("S", "old", "1"));
+  collHostSetProfilePath(link.c_str());
+  ASSERT_TRUE(platform::ProfileWriteString("S", "k", "v"));
+  struct stat st;
+  ASSERT_EQ(lstat(link.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  EXPECT_EQ(Value("s", "K"), "v");
+  collHostSetProfilePath(target.c_str());
+  EXPECT_EQ(Value("s", "old"), "1");
+  EXPECT_EQ(Value("s", "k"), "v");
+  std::remove(link.c_str());
+  std::remove(target.c_str());
+  std::remove((target + ".lock").c_str());
+}
+
 TEST(IniDefault, LivesInTheUsersConfigDirectory) {
   char tmpl[] = "/tmp/coll_home_XXXXXX";
   ASSERT_NE(mkdtemp(tmpl), nullptr);

@@ -26,20 +26,7 @@ constexpr HCOLL kCatalog = 0x4001;
 // Points the initialisation file at a fresh temporary directory.
 class Ini : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char *tmp = std::getenv("TMPDIR");
-    std::string tmpl = std::string(tmp && tmp[0] ? tmp : "/tmp") + "/coll_ini_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    dir_ = tmpl;
-    path_ = dir_ + "/COLL.INI";
-    collHostSetProfilePath(path_.c_str());
-  }
-  void TearDown() override {
-    collHostSetProfilePath(nullptr);
-    std::remove(path_.c_str());
-    std::remove((path_ + ".lock").c_str());
-    rmdir(dir_.c_str());
-  }
+  void SetUp() override { ASSERT_FALSE(dir_.empty()); }
 
   std::string File() const {
     std::string s;
@@ -58,8 +45,9 @@ class Ini : public ::testing::Test {
     std::fclose(f);
   }
 
-  std::string dir_;
-  std::string path_;
+  testutil::TempIni ini_;
+  const std::string &dir_ = ini_.dir();
+  const std::string &path_ = ini_.path();
 };
 
 std::string Name(HCOLL h) {

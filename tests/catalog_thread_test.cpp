@@ -1,16 +1,13 @@
 // Shared collections and unique names used by several threads at once.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "coll.h"
-#include "coll_host.h"
+#include "tests/test_util.h"
 
 namespace {
 
@@ -18,20 +15,7 @@ constexpr int kThreads = 4;
 
 class IniThreads : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char *tmp = std::getenv("TMPDIR");
-    std::string tmpl = std::string(tmp && tmp[0] ? tmp : "/tmp") + "/coll_ini_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    dir_ = tmpl;
-    collHostSetProfilePath((dir_ + "/COLL.INI").c_str());
-  }
-  void TearDown() override {
-    collHostSetProfilePath(nullptr);
-    std::remove((dir_ + "/COLL.INI").c_str());
-    std::remove((dir_ + "/COLL.INI.lock").c_str());
-    rmdir(dir_.c_str());
-  }
-  std::string dir_;
+  testutil::TempIni ini_;
 };
 
 TEST_F(IniThreads, GeneratedNamesAreNeverHandedOutTwice) {

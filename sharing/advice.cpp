@@ -54,11 +54,15 @@ bool Reached(const ChangeChain *chain, uint32_t hColl, uint32_t id) {
 }
 void MarkReached(ChangeChain *chain, uint32_t hColl, uint32_t id) { chain->reached[hColl - kCollBase] = ChainKey(id); }
 
-// The collection hColl again after the lock was given up, as long as it is
-// still the one with this id. REQUIRES: lock held.
-uint8_t *ReachAgain(uint32_t hColl, uint32_t id) {
+// Takes the lock again after a delivery and reaches hColl again, as long as
+// it is still the collection with this id; otherwise frees the tag area (the
+// remaining listeners are not told) and gives null.
+uint8_t *Resume(uint32_t hColl, uint32_t id, uint8_t *area) {
+  AcquireCollLock();
   uint8_t *img = AccessColl(hColl);
-  return img && CollId(img) == id ? img : nullptr;
+  if (img && CollId(img) == id) return img;
+  collFreePtr(area);
+  return nullptr;
 }
 
 // Sends the advice message; the window procedure may call the library (the
@@ -92,12 +96,7 @@ void CommunicateInChain(uint32_t hColl, const char *tag, uint32_t n, ChangeChain
     if (Entry(img, ch::adviceCount, i) != 0) {
       ReleaseCollLock();
       if ((window >> 16) != 0xFFFFu) Deliver(window, hColl, area);
-      AcquireCollLock();
-      img = ReachAgain(hColl, id);
-      if (!img) {
-        collFreePtr(area);
-        return;
-      }
+      if (!(img = Resume(hColl, id, area))) return;
     }
     ++i;
   }
@@ -120,12 +119,7 @@ void CommunicateInChain(uint32_t hColl, const char *tag, uint32_t n, ChangeChain
     MarkReached(chain, target, targetId);
     ReleaseCollLock();
     collCopyItem(target, hColl, reinterpret_cast<const char *>(area + 2));
-    AcquireCollLock();
-    img = ReachAgain(hColl, id);
-    if (!img) {
-      collFreePtr(area);
-      return;
-    }
+    if (!(img = Resume(hColl, id, area))) return;
     ++i;
   }
   collFreePtr(area);

@@ -482,6 +482,24 @@ TEST(Transaction, PropagatesAtUnlockWithoutMarks) {
   EXPECT_EQ(Mark(b, "x"), 0u);
 }
 
+TEST(Transaction, PropagationIntoAHeldTargetWaitsForItsUnlock) {
+  HCOLL a = collOpen("a"), b = collOpen("b"), c = collOpen("c");
+  collRequestPropagate(a, b, 1);
+  collRequestPropagate(b, c, 1);
+  collRequestPropagate(c, a, 1);
+  Listener la;
+  collRequestAdvice(a, la.window(), 1);
+  collLock(b);
+  Set(a, "x", "1");
+  EXPECT_EQ(Item(b, "x"), "1");  // stored, marked, not passed on yet
+  EXPECT_EQ(Mark(b, "x"), 1u);
+  EXPECT_EQ(Item(c, "x"), "<missing>");
+  collUnlock(b);
+  // A new change from b: it reaches c, and a, where the value is unchanged.
+  EXPECT_EQ(Item(c, "x"), "1");
+  EXPECT_EQ(la.Tags(), "x");
+}
+
 TEST(Transaction, LongTagsAreToldWhole) {
   HCOLL h = collOpen("c");
   Listener l;

@@ -32,12 +32,6 @@ bool WaitFor(const std::atomic<bool> &flag) {
   return true;
 }
 
-// Gives a thread that has announced itself the chance to get as far as it
-// can: a bounded number of yields, ended early when it finishes.
-void LetRun(const std::atomic<bool> &finished) {
-  for (int i = 0; i < 200 && !finished.load(); ++i) std::this_thread::sleep_for(std::chrono::microseconds(500));
-}
-
 // Runs fn in a thread; started is set just before fn, finished after it.
 class Worker {
  public:
@@ -56,6 +50,14 @@ class Worker {
   Worker(const Worker &) = delete;
   Worker &operator=(const Worker &) = delete;
 
+  // Once the worker has started, gives it a bounded chance to get as far as
+  // it can; true when it is still inside fn.
+  bool StaysBlocked() {
+    if (!WaitFor(started)) return false;
+    for (int i = 0; i < 200 && !finished.load(); ++i) std::this_thread::sleep_for(std::chrono::microseconds(500));
+    return !finished.load();
+  }
+
   std::atomic<bool> started{false};
   std::atomic<bool> finished{false};
 
@@ -73,9 +75,7 @@ TEST(TransactionThreads, ReaderWaitsForTheOwner) {
   std::string seen;
   {
     Worker reader([&] { seen = Item(h, "x"); });
-    ASSERT_TRUE(WaitFor(reader.started));
-    LetRun(reader.finished);
-    EXPECT_FALSE(reader.finished.load());
+    EXPECT_TRUE(reader.StaysBlocked());
     Set(h, "x", "new");
     EXPECT_EQ(collUnlock(h), 1u);
   }
@@ -95,9 +95,7 @@ TEST(TransactionThreads, LockWaitsAndOwnershipPasses) {
       Set(h, "second", "1");
       collUnlock(h);
     });
-    ASSERT_TRUE(WaitFor(second.started));
-    LetRun(second.finished);
-    EXPECT_FALSE(second.finished.load());
+    EXPECT_TRUE(second.StaysBlocked());
     EXPECT_EQ(testutil::Tags(h), "first");
     collUnlock(h);
   }
@@ -114,9 +112,7 @@ TEST(TransactionThreads, UnlockByAnotherThreadWaitsAndOnlyTells) {
   uint32_t result = 0;
   {
     Worker other([&] { result = collUnlock(h); });
-    ASSERT_TRUE(WaitFor(other.started));
-    LetRun(other.finished);
-    EXPECT_FALSE(other.finished.load());
+    EXPECT_TRUE(other.StaysBlocked());
     EXPECT_EQ(l.count(), 0u);
     collUnlock(h);
   }
@@ -130,9 +126,7 @@ TEST(TransactionThreads, PropagationIntoAHeldTargetWaits) {
   ASSERT_EQ(collLock(b), 1u);
   {
     Worker writer([&] { Set(a, "x", "1"); });
-    ASSERT_TRUE(WaitFor(writer.started));
-    LetRun(writer.finished);
-    EXPECT_FALSE(writer.finished.load());
+    EXPECT_TRUE(writer.StaysBlocked());
     // The waiting writer holds no lock: the owner works on.
     EXPECT_EQ(Item(b, "x"), "<missing>");
     EXPECT_EQ(Set(b, "y", "1"), 1u);

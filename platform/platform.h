@@ -72,6 +72,11 @@ void *HeapReAlloc(void *block, size_t size);
 // Returns block to the heap; null is ignored.
 void HeapFree(void *block);
 
+// Test hook: makes the n-th HeapAlloc or HeapReAlloc from now on fail (n = 1
+// is the next one); 0 turns failures off. Returns the number of allocations
+// made since the previous call, so a test can tell when a run needed no more.
+uint32_t FailAllocation(uint32_t n);
+
 // Memory tests. They never fault and make no system call: size 0 always
 // passes; a null pointer, a pointer into the first 64 KiB, or a range that
 // wraps the address space is bad; anything else is taken as accessible.

@@ -570,3 +570,40 @@ TEST(Transaction, QueueEntries) {
   coll::RemoveCommunicateQueue(slot);
   EXPECT_EQ(coll::ps->queueBuf[slot], nullptr);
 }
+
+TEST(Transaction, AllocationFailures) {
+  collIsBadCollHandle(0);
+  const std::string longTag(300, 'L');
+  for (uint32_t n = 1;; ++n) {
+    HCOLL a = collOpen("a"), b = collOpen("b");
+    collRequestPropagate(a, b, 1);
+    Listener la, lb;
+    collRequestAdvice(a, la.window(), 1);
+    collRequestAdvice(b, lb.window(), 1);
+    Set(a, "c", "1");
+    la.Clear();
+    lb.Clear();
+
+    platform::FailAllocation(n);
+    collLock(a);
+    Set(a, "x", "1");
+    Del(a, "c");
+    Set(a, longTag.c_str(), "1");
+    EXPECT_EQ(collUnlock(a), 1u);
+    uint32_t made = platform::FailAllocation(0);
+
+    // What was told to b's window arrived in b; a window hears nothing twice.
+    for (const Heard &m : lb.heard()) EXPECT_EQ(Item(b, m.tag.c_str()), Item(a, m.tag.c_str())) << n;
+    EXPECT_LE(la.count(), 3u);
+    // Marks that could not be told then are told by the next unlock.
+    collUnlock(a);
+    EXPECT_NE(Mark(a, "x"), 1u) << n;
+    EXPECT_NE(Mark(a, longTag.c_str()), 1u) << n;
+    EXPECT_EQ(testutil::CheckImage(a), "");
+    EXPECT_EQ(testutil::CheckImage(b), "");
+    collClose(a);
+    collClose(b);
+    if (made < n) break;
+    ASSERT_LT(n, 1000u);
+  }
+}

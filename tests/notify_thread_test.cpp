@@ -100,7 +100,10 @@ TEST(TransactionThreads, LockWaitsAndOwnershipPasses) {
     collUnlock(h);
   }
   EXPECT_EQ(locked, 1u);
-  EXPECT_EQ(l.Tags(), "first,second");
+  // The owner lets go before it tells, so the second transaction may be told
+  // first; each change is told once.
+  std::string told = l.Tags();
+  EXPECT_TRUE(told == "first,second" || told == "second,first") << told;
 }
 
 TEST(TransactionThreads, UnlockByAnotherThreadWaitsAndOnlyTells) {

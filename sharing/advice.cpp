@@ -79,8 +79,8 @@ void CommunicateInChain(uint32_t hColl, const char *tag, uint32_t n, ChangeChain
   if (!img) return;
   const uint32_t id = CollId(img);
   MarkReached(chain, hColl, id);
-  // The tag area also serves as the terminated copy of the tag: the caller's
-  // tag is read only before the lock is first given up.
+  // The tag area also serves as the terminated copy of the tag that the
+  // propagation copies use; the caller's tag is not read after a delivery.
   uint8_t *area = nullptr;
 
   for (uint32_t i = 0; i < COLL_LIST_SIZE;) {

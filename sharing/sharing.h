@@ -12,9 +12,11 @@ namespace coll {
 uint32_t CreateCatalog();
 
 // Tells the advice windows and propagation targets of hColl that the item
-// tag (n bytes, not necessarily terminated) changed. REQUIRES: lock held;
-// returns with it held but releases it in between, so image pointers are
-// stale afterwards.
+// tag (n bytes, not necessarily terminated) changed. Propagation copies run
+// nested in the calling thread, and one change enters each collection at
+// most once. Callers inside an open transaction do not call it: the
+// transaction's end tells its changes. REQUIRES: lock held; returns with it
+// held but releases it in between, so image pointers are stale afterwards.
 void CommunicateChange(uint32_t hColl, const char *tag, uint32_t n);
 
 // The block whose address the advice message carries: u16 n, the n tag

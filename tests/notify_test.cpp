@@ -106,19 +106,6 @@ TEST(Advice, TagAreaLayout) {
   EXPECT_EQ(heard[1].n, 3u);
 }
 
-TEST(Advice, WhatIsTold) {
-  Listener l;
-  HCOLL h = collOpen("c");
-  collRequestAdvice(h, l.window(), 1);
-  Set(h, "x", "1");
-  Set(h, "x", "1");   // identical: nothing
-  Set(h, "X", "1");   // other letter case: changed
-  Set(h, "x", "22");  // other length
-  Del(h, "x");
-  Del(h, "x");  // absent: still told
-  EXPECT_EQ(l.Tags(), "x,X,x,x,x");
-}
-
 TEST(Advice, CountsAndWithdrawal) {
   Listener l;
   HCOLL h = collOpen("c");
@@ -369,16 +356,6 @@ TEST(Propagation, RequestFailuresAndLimit) {
   EXPECT_EQ(Header32(a, coll::ch::propTarget + 4 * 30), b);
 }
 
-TEST(Propagation, CatalogTargetReceivesNothing) {
-  HCOLL a = collOpen("a");
-  HCOLL catalog = 0x4001;
-  uint32_t before = collItemCount(catalog);
-  EXPECT_EQ(collRequestPropagate(a, catalog, 1), 1u);
-  Set(a, "x", "1");
-  EXPECT_EQ(collItemCount(catalog), before);
-  EXPECT_EQ(Header32(a, coll::ch::propTarget), catalog);
-}
-
 TEST(Propagation, WindowChangeStartsItsOwnChain) {
   HCOLL a = collOpen("a"), b = collOpen("b");
   collRequestPropagate(a, b, 1);
@@ -548,27 +525,6 @@ TEST(Transaction, WindowChangesDuringUnlock) {
   // The transaction ended before the telling: z is told at once.
   EXPECT_EQ(l.Tags(), "a,z,b");
   EXPECT_EQ(Mark(h, "z"), 0u);
-}
-
-TEST(Transaction, QueueEntries) {
-  HCOLL h = collOpen("c");
-  coll::LockGuard lock;
-  uint32_t slot = h - coll::kCollBase;
-  coll::AddTagToCommunicateQueue(h, "one", 3);
-  coll::AddTagToCommunicateQueue(h, "TWO", 3);
-  coll::AddTagToCommunicateQueue(h, "one", 3);
-  coll::AddTagToCommunicateQueue(h, "three", 5);
-  EXPECT_EQ(coll::ps->queueChunks[slot], 1u);
-  coll::DeleteTagFromCommunicateQueue(h, "ONE", 3);
-  coll::DeleteTagFromCommunicateQueue(h, "tw", 2);
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(coll::ps->queueBuf[slot]), coll::ps->queueLen[slot]),
-            std::string("TWO\0three\0", 10));
-  std::string big(1500, 'b');
-  coll::AddTagToCommunicateQueue(h, big.c_str(), 1500);
-  EXPECT_EQ(coll::ps->queueChunks[slot], 2u);
-  EXPECT_EQ(coll::ps->queueLen[slot], 1511u);
-  coll::RemoveCommunicateQueue(slot);
-  EXPECT_EQ(coll::ps->queueBuf[slot], nullptr);
 }
 
 TEST(Transaction, AllocationFailures) {

@@ -1,6 +1,7 @@
 // fields.cpp - single strings of a table (fields, column names, attribute
 // strings), counts, selection, column searches, comparison, the copy of the
 // selected row into a collection, and second handles on one table.
+#include <algorithm>
 #include <cstring>
 
 #include "store/store.h"
@@ -33,7 +34,8 @@ uint32_t TableSetString(uint32_t hTable, uint8_t *h, uint32_t row, uint32_t colu
   uint8_t *p = GetTableDataPtr(h, row, column, 0);
   if (!p) return 0;
   const uint32_t offset = uint32_t(p - TableData(h));
-  const uint32_t o = TableStringLength(h, p) + 1;
+  // The old string with its terminator (a loaded image may end without one).
+  const uint32_t o = std::min(TableStringLength(h, p) + 1, TableDataLength(h) - offset);
   // A text longer than the largest data block can never fit.
   const uint32_t n = collstrlen(text, TABLE_MAX_PAGES * TABLE_PAGE) + 1;
   const int32_t d = int32_t(n) - int32_t(o);
@@ -137,6 +139,16 @@ uint32_t TableCopyHandle(uint8_t *source, uint32_t hOwner) {
   return hTable;
 }
 
+namespace {
+uint32_t FindInTable(uint32_t hTable, const char *text, uint32_t textSize, uint32_t startRow, uint32_t column,
+                     bool abbrev) {
+  if (isBadPtr(text, 0, textSize)) return kNotFound;
+  LockGuard lock;
+  uint8_t *h = GetTablePtr(hTable);
+  return h ? TableFind(h, text, textSize, startRow, column, abbrev) : kNotFound;
+}
+}  // namespace
+
 }  // namespace coll
 
 using namespace coll;
@@ -211,18 +223,12 @@ COLL_API(uint32_t) tableGetColIndex(HTABLE hTable, const char *name) {
 
 COLL_API(uint32_t) tableFindField(HTABLE hTable, const char *text, uint32_t textSize, uint32_t startRow,
                                   uint32_t column) {
-  if (isBadPtr(text, 0, textSize)) return kNotFound;
-  LockGuard lock;
-  uint8_t *h = GetTablePtr(hTable);
-  return h ? TableFind(h, text, textSize, startRow, column, false) : kNotFound;
+  return FindInTable(hTable, text, textSize, startRow, column, false);
 }
 
 COLL_API(uint32_t) tableFindAbbrev(HTABLE hTable, const char *text, uint32_t textSize, uint32_t startRow,
                                    uint32_t column) {
-  if (isBadPtr(text, 0, textSize)) return kNotFound;
-  LockGuard lock;
-  uint8_t *h = GetTablePtr(hTable);
-  return h ? TableFind(h, text, textSize, startRow, column, true) : kNotFound;
+  return FindInTable(hTable, text, textSize, startRow, column, true);
 }
 
 COLL_API(uint32_t) tableCompare(HTABLE hFirst, HTABLE hSecond, uint32_t startRow, uint32_t flags) {

@@ -32,10 +32,8 @@ uint32_t isBadTablePtr(const uint8_t *h) {
   // The data record must exist and be in use.
   uint32_t index = TableDataIndex(h);
   if (index >= kSlots || ps->tableData[index].data == nullptr) return 1;
-  // Every scan stays inside the data: the attribute strings start within it
-  // and its last byte ends a string.
-  uint32_t dataLength = TableDataLength(h);
-  return (rd32(h + th::attrOffset) > dataLength || ps->tableData[index].data[dataLength - 1] != 0) ? 1 : 0;
+  // The attribute strings start within the data.
+  return rd32(h + th::attrOffset) > TableDataLength(h) ? 1 : 0;
 }
 
 void StampTable(uint8_t *h) { wr32(h + th::stamp, platform::TickCount()); }

@@ -676,3 +676,20 @@ TEST(TableToCollection, AnEmptyColumnNameStopsTheCopy) {
   EXPECT_EQ(tableDataToCollection(t, c), 0u);
   EXPECT_EQ(testutil::Tags(c), "A");
 }
+
+TEST(TableObject, DataEndingInsideAStringStaysInBounds) {
+  // A loaded image may end in the middle of its last string.
+  HTABLE t = MakeTable(1, 1);
+  tableSetItem(t, ROW_HEADER, uint32_t(-5), "xy");
+  {
+    coll::LockGuard lock;
+    uint8_t *hdr = coll::GetTablePtr(t);
+    coll::wr16(hdr + coll::th::length, coll::TableLength(hdr) - 1);
+  }
+  EXPECT_EQ(Field(t, ROW_HEADER, uint32_t(-5)), "xy");
+  EXPECT_EQ(tableGetRow(t, uint32_t(ROW_ATTRIBUTES), nullptr, 0), 6u);
+  ASSERT_EQ(tableSetItem(t, ROW_HEADER, uint32_t(-5), "z"), 1u);
+  EXPECT_EQ(Field(t, ROW_HEADER, uint32_t(-5)), "z");
+  EXPECT_EQ(Field(t, 0, 0), "r0c0");
+  ExpectConsistent(t);
+}

@@ -233,18 +233,6 @@ TEST(CollTables, ReadersByTag) {
   EXPECT_EQ(collTableRowCount(c, nullptr), kNone);
 }
 
-TEST(CollTables, FindFieldAndAbbrevOrder) {
-  HCOLL c = collOpen("c");
-  HTABLE t = tableCreate(1, 0);
-  SetRow(t, uint32_t(ROW_APPEND), {"abc"});
-  SetRow(t, uint32_t(ROW_APPEND), {"ab"});
-  collSetTable(c, "t", t);
-  EXPECT_EQ(collTableFindField(c, "t", "AB", kNone, 0, 0), 1u);
-  EXPECT_EQ(collTableFindAbbrev(c, "t", "AB", kNone, 0, 0), 0u);
-  EXPECT_EQ(collTableFindAbbrev(c, "t", "AB", kNone, 1, 0), 1u);
-  EXPECT_EQ(collTableFindField(c, "t", "AB", kNone, 0, 1), kNone);
-}
-
 TEST(CollTables, SelectionOfAnItem) {
   HCOLL c = collOpen("c");
   HTABLE t = People();

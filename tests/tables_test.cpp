@@ -74,20 +74,6 @@ TEST(TableObject, ColumnCountLimits) {
   EXPECT_EQ(tableCreate(1, 0), widest + 1);
 }
 
-TEST(TableObject, StringScans) {
-  const uint8_t s[] = "ab\0\0cde\0";
-  EXPECT_EQ(coll::strlenz(s), 3u);
-  EXPECT_EQ(coll::strlenz(s + 3), 1u);
-  EXPECT_EQ(coll::nstrlen(s, 0), 0u);
-  EXPECT_EQ(coll::nstrlen(s, 3), 8u);
-  std::vector<uint8_t> longText(70000, 'x');
-  longText.back() = 0;
-  EXPECT_EQ(coll::strlenz(longText.data()), 65535u);
-  EXPECT_EQ(coll::nstrlen(longText.data(), 2), 65535u);
-  EXPECT_EQ(coll::SkipStrings(s, 0, 2, sizeof s - 1), 4u);
-  EXPECT_EQ(coll::SkipStrings(s, 0, 9, sizeof s - 1), 8u);
-}
-
 TEST(TableObject, LimitCheckGrowsByPagesUpToTheLimit) {
   HTABLE t = tableCreate(1, 0);
   coll::LockGuard lock;
@@ -498,37 +484,6 @@ TEST(TableRows, PackedRowsArePaddedOrCut) {
   ExpectConsistent(t);
 }
 
-TEST(TableRows, GetRowCopiesOnlyWhenItFits) {
-  HTABLE t = tableCreate(2, 0);
-  SetRow(t, uint32_t(ROW_APPEND), {"a", "bc"});
-  char buf[8];
-  std::memset(buf, 'z', sizeof buf);
-  EXPECT_EQ(tableGetRow(t, 0, buf, 0), 5u);
-  EXPECT_EQ(tableGetRow(t, 0, buf, 4), 5u);
-  EXPECT_EQ(std::string(buf, 4), "zzzz");
-  EXPECT_EQ(tableGetRow(t, 0, buf, 5), 5u);
-  EXPECT_EQ(std::string(buf, 5), std::string("a\0bc\0", 5));
-  EXPECT_EQ(tableGetRow(0x80FE, 0, buf, 8), 0u);
-  EXPECT_EQ(tableGetRow(t, 0, nullptr, 8), 0u);
-}
-
-TEST(TableRows, RowsInOrderNeedNoRestart) {
-  // Appending rows one after the other keeps the cache in the rows area;
-  // inserting keeps it on the new row.
-  HTABLE t = MakeTable(2, 3);
-  tableGetItem(t, 1, 1, nullptr, 0);
-  ASSERT_EQ(tableAddRow(t, 2), 1u);
-  std::string hdr = Header(t);
-  EXPECT_EQ(H32(hdr, coll::th::cacheValid), 1u);
-  EXPECT_EQ(H32(hdr, coll::th::cacheIndex), 6u);
-  EXPECT_EQ(H32(hdr, coll::th::cacheOffset), uint32_t(Pack({"c0", "c1", "r0c0", "r0c1", "r1c0", "r1c1"}).size()));
-  ASSERT_EQ(SetRow(t, 2, {"new", "row"}), 1u);
-  EXPECT_EQ(H32(Header(t), coll::th::cacheValid), 1u);
-  EXPECT_EQ(Field(t, 2, 1), "row");
-  EXPECT_EQ(Field(t, 3, 0), "r2c0");
-  ExpectConsistent(t);
-}
-
 TEST(TableCopyOnWrite, TableCopySharesUntilTheFirstChange) {
   HTABLE a = MakeTable(2, 3);
   tableSetSelection(a, 1);
@@ -692,4 +647,21 @@ TEST(TableObject, DataEndingInsideAStringStaysInBounds) {
   EXPECT_EQ(Field(t, ROW_HEADER, uint32_t(-5)), "z");
   EXPECT_EQ(Field(t, 0, 0), "r0c0");
   ExpectConsistent(t);
+}
+
+TEST(TableObject, NoFreeSlotLeavesNothingBehind) {
+  std::vector<HTABLE> tables;
+  for (HTABLE t; (t = tableCreate(2, 0)) != 0;) tables.push_back(t);
+  ASSERT_EQ(tables.size(), 254u);
+  EXPECT_EQ(tableCopy(tables[0], 0), 0u);
+  HCOLL c = collOpen("c");
+  EXPECT_EQ(collSetTable(c, "t", tables[0]), 0u);
+  EXPECT_EQ(collItemCount(c), 0u);
+  {
+    coll::LockGuard lock;
+    EXPECT_EQ(coll::ps->tableData[coll::TableDataIndex(coll::GetTablePtr(tables[0]))].refCount, 1u);
+  }
+  // A destroyed table's handle and record come back with the next one.
+  tableDestroy(tables[100]);
+  EXPECT_EQ(tableCreate(1, 0), tables[100]);
 }

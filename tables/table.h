@@ -49,6 +49,22 @@ inline uint32_t TableOwner(const uint8_t *h) { return rd32(h + th::owner); }
 // 1 when the header breaks an invariant (or is null), else 0.
 uint32_t isBadTablePtr(const uint8_t *header);
 
+// ---- clipboard text (REQUIRES: lock held; header valid)
+// Writes the layout of mode (CLIP_*) into buffer, which holds
+// length + 4 * rows + 104 bytes, and sets *length to the bytes written, each
+// string followed by a TAB or, at a line end, CR LF; 0 when there is nothing
+// to export.
+void BuildClipOutput(uint32_t mode, const uint8_t *header, uint8_t *buffer, uint32_t *length);
+// Steps *dataOffset past the column names, writing them in the modes that
+// show names and ending their line with CR LF in the modes with rows.
+void copyAndSkipNames(uint32_t mode, const uint8_t *header, uint32_t *length, uint8_t *buffer,
+                      uint32_t *dataOffset);
+// Walks the fields of every row from *dataOffset, writing the selected row
+// (modes 1 and 3) or every row ended by CR LF (modes 2 and 4); in mode 2 the
+// last LF is taken back.
+void copyAndSkipRows(uint32_t mode, const uint8_t *header, uint32_t *length, uint8_t *buffer,
+                     uint32_t *dataOffset);
+
 }  // namespace coll
 
 #endif  // COLL_TABLES_TABLE_H

@@ -1,7 +1,28 @@
-// table.cpp - the table object: header invariants.
+// table.cpp - the table object: header invariants, creation and destruction,
+// the data block's growth, copy on write and the string position cache.
 #include "tables/table.h"
 
+#include <cstring>
+
+#include "platform/platform.h"
+#include "store/store.h"
+
 namespace coll {
+
+namespace {
+constexpr uint32_t kScanLimit = 65535;
+constexpr uint32_t kRowHeader = 0xFFFFFFFFu;
+
+// Pages of TABLE_PAGE bytes that hold size bytes.
+uint32_t PagesFor(uint32_t size) { return (size + TABLE_PAGE - 1) / TABLE_PAGE; }
+
+// Offset of the string that ends just before offset (offset > 0).
+uint32_t PreviousString(const uint8_t *data, uint32_t offset) {
+  uint32_t q = offset - 1;  // the previous string's terminator
+  while (q > 0 && data[q - 1] != 0) --q;
+  return q;
+}
+}  // namespace
 
 uint32_t isBadTablePtr(const uint8_t *h) {
   if (!h) return 1;
@@ -13,4 +34,172 @@ uint32_t isBadTablePtr(const uint8_t *h) {
   return (index >= kSlots || ps->tableData[index].data == nullptr) ? 1 : 0;
 }
 
+void StampTable(uint8_t *h) { wr32(h + th::stamp, platform::TickCount()); }
+
+uint32_t strlenz(const uint8_t *p) {
+  uint32_t n = 0;
+  while (n < kScanLimit && p[n] != 0) ++n;
+  return n < kScanLimit ? n + 1 : kScanLimit;
+}
+
+uint32_t nstrlen(const uint8_t *p, uint32_t n) {
+  uint32_t total = 0;
+  for (uint32_t i = 0; i < n && total < kScanLimit; ++i) total += strlenz(p + total);
+  return total < kScanLimit ? total : kScanLimit;
+}
+
+uint32_t SkipStrings(const uint8_t *data, uint32_t offset, uint32_t n, uint32_t end) {
+  for (uint32_t i = 0; i < n && offset < end; ++i) {
+    while (offset < end && data[offset] != 0) ++offset;
+    if (offset < end) ++offset;
+  }
+  return offset;
+}
+
+uint32_t CreateNewTable(uint32_t *hTable, uint8_t **header, uint8_t **block, uint32_t size) {
+  uint8_t *data = static_cast<uint8_t *>(collAllocPtr(size));
+  uint8_t *hdr = data ? static_cast<uint8_t *>(collAllocPtr(TABLE_HEADER_SIZE)) : nullptr;
+  uint32_t h = hdr ? SetTablePtr(hdr, 0) : 0;
+  if (h == 0) {
+    collFreePtr(hdr);
+    collFreePtr(data);
+    return 0;
+  }
+  *hTable = h;
+  *header = hdr;
+  *block = data;
+  return 1;
+}
+
+uint32_t FreeTableRecord() {
+  for (uint32_t i = 0; i < kSlots; ++i)
+    if (ps->tableData[i].data == nullptr) return i;
+  return kBadIndex;
+}
+
+uint32_t tableCreateInternal(uint32_t cols, uint32_t type) {
+  // Empty column names and attribute strings must fit the largest block and
+  // the 16-bit length word.
+  if (cols == 0 || cols > TABLE_MAX_PAGES * TABLE_PAGE - TABLE_ATTRIBUTES) return 0;
+  uint32_t index = FreeTableRecord();
+  if (index == kBadIndex) return 0;
+  uint32_t pages = PagesFor(cols + TABLE_ATTRIBUTES);
+  uint32_t h;
+  uint8_t *hdr, *data;
+  if (!CreateNewTable(&h, &hdr, &data, pages * TABLE_PAGE)) return 0;
+  wr16(hdr + th::magic, TABLE_MAGIC);
+  wr16(hdr + th::length, TABLE_HEADER_SIZE + cols + TABLE_ATTRIBUTES);
+  wr16(hdr + th::type, type);
+  wr16(hdr + th::rows, 0);
+  wr16(hdr + th::cols, cols);
+  wr16(hdr + th::selection, TABLE_NO_SELECTION);
+  wr32(hdr + th::cacheValid, 0);
+  wr32(hdr + th::rowsOffset, cols);
+  wr32(hdr + th::attrOffset, cols);
+  wr32(hdr + th::pages, pages);
+  StampTable(hdr);
+  wr32(hdr + th::dataIndex, index);
+  ps->tableData[index] = TableDataRec{data, 1, 1};
+  return h;
+}
+
+uint8_t *tableReAlloc(uint32_t hTable, uint32_t size) {
+  uint8_t *hdr = GetTablePtr(hTable);
+  if (!hdr) return nullptr;
+  TableDataRec &rec = ps->tableData[TableDataIndex(hdr)];
+  uint8_t *data = static_cast<uint8_t *>(collReAllocPtr(rec.data, size));
+  if (!data) return nullptr;
+  rec.data = data;
+  return data;
+}
+
+uint8_t *LimitCheck(uint8_t *h, int32_t growth, uint32_t hTable) {
+  int64_t needed = int64_t(TableLength(h)) + growth + TABLE_HEADER_SIZE;
+  if (needed < 0) needed = 0;
+  uint64_t wanted = (uint64_t(needed) + TABLE_PAGE - 1) / TABLE_PAGE;
+  if (TablePages(h) < wanted) {
+    if (wanted > TABLE_MAX_PAGES) return nullptr;
+    if (!tableReAlloc(hTable, uint32_t(wanted) * TABLE_PAGE)) return nullptr;
+    wr32(h + th::pages, uint32_t(wanted));
+  }
+  return TableData(h);
+}
+
+uint32_t MakeTableDataPrivate(uint8_t *h) {
+  uint32_t index = TableDataIndex(h);
+  TableDataRec &rec = ps->tableData[index];
+  if (rec.owned && rec.refCount <= 1) return 1;
+  // A loaded image may claim fewer pages than its data takes.
+  uint32_t dataLength = TableDataLength(h);
+  uint32_t pages = TablePages(h);
+  if (pages * TABLE_PAGE < dataLength) pages = PagesFor(dataLength);
+  uint8_t *copy = static_cast<uint8_t *>(collAllocPtr(pages * TABLE_PAGE));
+  if (!copy) return 0;
+  std::memcpy(copy, rec.data, dataLength);
+  if (rec.refCount > 1) {
+    uint32_t fresh = FreeTableRecord();
+    if (fresh == kBadIndex) {
+      collFreePtr(copy);
+      return 0;
+    }
+    --rec.refCount;
+    ps->tableData[fresh] = TableDataRec{copy, 1, 1};
+    wr32(h + th::dataIndex, fresh);
+  } else {
+    rec.data = copy;
+    rec.owned = 1;
+    rec.refCount = 1;
+  }
+  wr32(h + th::pages, pages);
+  return 1;
+}
+
+uint32_t tablestrlen(uint8_t *h, uint32_t n) {
+  const uint8_t *data = TableData(h);
+  const uint32_t end = TableDataLength(h);
+  uint32_t valid = rd32(h + th::cacheValid);
+  uint32_t index = rd32(h + th::cacheIndex);
+  uint32_t offset = rd32(h + th::cacheOffset);
+  if (valid && offset > end) valid = 0;
+  if (valid && n >= index) {
+    offset = SkipStrings(data, offset, n - index, end);
+  } else if (valid && n > index / 2) {
+    for (uint32_t i = n; i < index && offset > 0; ++i) offset = PreviousString(data, offset);
+  } else {
+    offset = SkipStrings(data, 0, n, end);
+    wr32(h + th::cacheValid, 1);
+  }
+  wr32(h + th::cacheIndex, n);
+  wr32(h + th::cacheOffset, offset);
+  return offset;
+}
+
+uint8_t *GetTableDataPtr(uint8_t *h, uint32_t row, uint32_t column, uint32_t forWrite) {
+  if (forWrite && !MakeTableDataPrivate(h)) return nullptr;
+  uint8_t *data = TableData(h);
+  const uint32_t cols = TableCols(h);
+  if (row == kRowHeader) {
+    if (column >= 0xFFFFFFFBu)  // -5 to -1: attribute strings 0 to 4
+      return data + SkipStrings(data, TableAttrOffset(h), ~column, TableDataLength(h));
+    if (column < cols) return data + SkipStrings(data, 0, column, TableRowsOffset(h));
+    return nullptr;
+  }
+  if (row >= TableRows(h) || column >= cols) return nullptr;
+  return data + tablestrlen(h, (row + 1) * cols + column);
+}
+
 }  // namespace coll
+
+using namespace coll;
+
+COLL_API(HTABLE) tableCreate(uint32_t cols, uint32_t type) {
+  if (cols == 0) return 0;
+  LockGuard lock;
+  return tableCreateInternal(cols, type);
+}
+
+COLL_API(void) tableDestroy(HTABLE hTable) {
+  LockGuard lock;
+  uint8_t *hdr = GetTablePtr(hTable);
+  if (hdr && TableOwner(hdr) == 0) DestroyTableHandle(hTable);
+}

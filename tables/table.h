@@ -45,9 +45,51 @@ inline uint32_t TableCols(const uint8_t *h) { return rd16(h + th::cols); }
 inline uint32_t TableSelection(const uint8_t *h) { return rd16(h + th::selection); }
 inline uint32_t TableDataIndex(const uint8_t *h) { return rd32(h + th::dataIndex); }
 inline uint32_t TableOwner(const uint8_t *h) { return rd32(h + th::owner); }
+inline uint32_t TableRowsOffset(const uint8_t *h) { return rd32(h + th::rowsOffset); }
+inline uint32_t TableAttrOffset(const uint8_t *h) { return rd32(h + th::attrOffset); }
+inline uint32_t TablePages(const uint8_t *h) { return rd32(h + th::pages); }
+// Bytes in use in the data block.
+inline uint32_t TableDataLength(const uint8_t *h) { return TableLength(h) - TABLE_HEADER_SIZE; }
+// The data block of a live header's record. REQUIRES: lock held.
+inline uint8_t *TableData(const uint8_t *h) { return ps->tableData[TableDataIndex(h)].data; }
+// Stamps the header with the current tick count.
+void StampTable(uint8_t *header);
 
 // 1 when the header breaks an invariant (or is null), else 0.
 uint32_t isBadTablePtr(const uint8_t *header);
+
+// ---- strings of the data block (no lock needed)
+// Length of the string at p with its terminator; the scan stops after
+// 65,535 bytes.
+uint32_t strlenz(const uint8_t *p);
+// Bytes, terminators included, of the n strings from p; at most 65,535.
+uint32_t nstrlen(const uint8_t *p, uint32_t n);
+// Offset after skipping n strings from offset, never past end.
+uint32_t SkipStrings(const uint8_t *data, uint32_t offset, uint32_t n, uint32_t end);
+
+// ---- the table object (REQUIRES: lock held)
+// The body of tableCreate: a new free-standing table, or 0.
+uint32_t tableCreateInternal(uint32_t cols, uint32_t type);
+// A zero-filled block of size bytes and a zero-filled header holding a
+// free-standing handle slot. 1, or 0 with nothing left allocated.
+uint32_t CreateNewTable(uint32_t *hTable, uint8_t **header, uint8_t **block, uint32_t size);
+// The lowest free table data record, or kBadIndex.
+uint32_t FreeTableRecord();
+// Resizes the data block of the handle's record; null (old block kept) on
+// failure.
+uint8_t *tableReAlloc(uint32_t hTable, uint32_t size);
+// Makes room for a change of growth bytes in the data length, adding pages
+// up to TABLE_MAX_PAGES; the (possibly moved) data block, or null with the
+// table unchanged.
+uint8_t *LimitCheck(uint8_t *header, int32_t growth, uint32_t hTable);
+// Gives the header a data block of its own (copy on write): 1, or 0 with
+// nothing changed.
+uint32_t MakeTableDataPrivate(uint8_t *header);
+// The addressed string (field, column name, attribute string), or null.
+// forWrite first makes the data block private (null when it cannot).
+uint8_t *GetTableDataPtr(uint8_t *header, uint32_t row, uint32_t column, uint32_t forWrite);
+// Offset of string number n in the data block, through the position cache.
+uint32_t tablestrlen(uint8_t *header, uint32_t n);
 
 // ---- clipboard text (REQUIRES: lock held; header valid)
 // Writes the layout of mode (CLIP_*) into buffer, which holds

@@ -32,16 +32,11 @@ constexpr uint32_t kClipWidthGroup = 6;
 // line, and room to spare.
 uint32_t ClipBufferSize(const uint8_t *header) { return TableLength(header) + 4 * TableRows(header) + 104; }
 
-const uint8_t *ClipData(const uint8_t *header) { return ps->tableData[TableDataIndex(header)].data; }
-
-// The bytes of data in use: column names, fields, attribute strings.
-uint32_t ClipDataLength(const uint8_t *header) { return TableLength(header) - TABLE_HEADER_SIZE; }
-
 // Steps past the string at *offset; when write is set, appends its bytes and
 // a TAB to buffer. Never reads past the data nor writes past capacity.
 void ClipString(const uint8_t *header, uint8_t *buffer, uint32_t *length, uint32_t *offset, bool write) {
-  const uint8_t *data = ClipData(header);
-  uint32_t end = ClipDataLength(header);
+  const uint8_t *data = TableData(header);
+  uint32_t end = TableDataLength(header);
   uint32_t capacity = ClipBufferSize(header);
   uint32_t at = *offset;
   while (at < end && data[at] != 0) {

@@ -19,26 +19,27 @@ std::string ClipText() {
   return s;
 }
 
+// The text that tableDataToClipboard puts on the clipboard, or "<refused>".
+std::string Export(HTABLE t, uint32_t mode) { return tableDataToClipboard(t, mode) == 1 ? ClipText() : "<refused>"; }
+
 std::string Field(HTABLE t, int32_t row, uint32_t col) {
   char buf[2048] = {};
   if (tableGetField(t, row, col, buf, sizeof buf) == 0) return "<bad>";
   return buf;
 }
 
-// Appends a row given as its fields separated by '|'.
-void AddRow(HTABLE t, const std::string &fields) {
+// The column-width description: attribute string 0.
+std::string Widths(HTABLE t) { return Field(t, ROW_HEADER, static_cast<uint32_t>(-1)); }
+
+// Sets a packed row given as its fields separated by '|'.
+void SetRow(HTABLE t, int32_t row, const std::string &fields) {
   std::string packed = fields;
   for (char &c : packed) c = c == '|' ? '\0' : c;
   packed.push_back('\0');
-  ASSERT_EQ(tableSetRow(t, static_cast<uint32_t>(ROW_APPEND), packed.data(), uint32_t(packed.size())), 1u);
+  ASSERT_EQ(tableSetRow(t, static_cast<uint32_t>(row), packed.data(), uint32_t(packed.size())), 1u);
 }
-
-void SetNames(HTABLE t, const std::string &names) {
-  std::string packed = names;
-  for (char &c : packed) c = c == '|' ? '\0' : c;
-  packed.push_back('\0');
-  ASSERT_EQ(tableSetRow(t, static_cast<uint32_t>(ROW_NAMES), packed.data(), uint32_t(packed.size())), 1u);
-}
+void AddRow(HTABLE t, const std::string &fields) { SetRow(t, ROW_APPEND, fields); }
+void SetNames(HTABLE t, const std::string &names) { SetRow(t, ROW_NAMES, names); }
 
 // Columns 'A', 'B'; rows ('1','2'), ('3','4'); row 1 selected.
 HTABLE Example() {
@@ -66,6 +67,15 @@ std::string Dump(HTABLE t) {
 HTABLE Import(const std::string &text) {
   EXPECT_EQ(collHostSetClipboardText(text.c_str()), 1u);
   return tableDataFromClipboard(0);
+}
+
+// Exports t in mode and imports the text as a new table.
+HTABLE Reimport(HTABLE t, uint32_t mode) {
+  EXPECT_EQ(tableDataToClipboard(t, mode), 1u);
+  HTABLE back = tableDataFromClipboard(0);
+  EXPECT_NE(back, 0u);
+  EXPECT_NE(back, t);
+  return back;
 }
 
 }  // namespace
@@ -163,23 +173,18 @@ TEST(ClipboardExport, FieldsAreCopiedAsTheyStand) {
   SetNames(t, "Name||x y");
   AddRow(t, "|a\tb|");
   tableSetSelection(t, 0);
-  EXPECT_EQ(tableDataToClipboard(t, CLIP_NAMES), 1u);
-  EXPECT_EQ(ClipText(), "Name\t\tx y");
-  EXPECT_EQ(tableDataToClipboard(t, CLIP_SELECTION), 1u);
-  EXPECT_EQ(ClipText(), "\ta\tb\t");
-  EXPECT_EQ(tableDataToClipboard(t, CLIP_NAMES_AND_ROWS), 1u);
-  EXPECT_EQ(ClipText(), "Name\t\tx y\r\n\ta\tb\t\r");
+  EXPECT_EQ(Export(t, CLIP_NAMES), "Name\t\tx y");
+  EXPECT_EQ(Export(t, CLIP_SELECTION), "\ta\tb\t");
+  EXPECT_EQ(Export(t, CLIP_NAMES_AND_ROWS), "Name\t\tx y\r\n\ta\tb\t\r");
   tableDestroy(t);
 }
 
 TEST(ClipboardExport, NamesOfANewTable) {
   HTABLE one = tableCreate(1, 0);
   collHostSetClipboardText("before");
-  EXPECT_EQ(tableDataToClipboard(one, CLIP_NAMES), 1u);
-  EXPECT_EQ(ClipText(), "");
+  EXPECT_EQ(Export(one, CLIP_NAMES), "");
   HTABLE three = tableCreate(3, 0);
-  EXPECT_EQ(tableDataToClipboard(three, CLIP_NAMES), 1u);
-  EXPECT_EQ(ClipText(), "\t\t");
+  EXPECT_EQ(Export(three, CLIP_NAMES), "\t\t");
   tableDestroy(one);
   tableDestroy(three);
 }
@@ -202,8 +207,7 @@ TEST(ClipboardExport, NothingToExportLeavesTheClipboard) {
   SetNames(empty, "A|B");
   EXPECT_EQ(tableDataToClipboard(empty, CLIP_ROWS), 0u);
   EXPECT_EQ(ClipText(), "kept");
-  EXPECT_EQ(tableDataToClipboard(empty, CLIP_NAMES_AND_ROWS), 1u);
-  EXPECT_EQ(ClipText(), "A\tB\r");
+  EXPECT_EQ(Export(empty, CLIP_NAMES_AND_ROWS), "A\tB\r");
   tableDestroy(t);
   tableDestroy(empty);
 }
@@ -225,8 +229,7 @@ TEST(ClipboardExport, RefusedCallsLeaveTheClipboard) {
   EXPECT_EQ(tableDataToClipboard(t, CLIP_NAMES), 0u);
   EXPECT_EQ(collHostCloseClipboard(), 1u);
   EXPECT_EQ(ClipText(), "kept");
-  EXPECT_EQ(tableDataToClipboard(t, CLIP_NAMES), 1u);
-  EXPECT_EQ(ClipText(), "A\tB");
+  EXPECT_EQ(Export(t, CLIP_NAMES), "A\tB");
 
   tableDestroy(t);
   EXPECT_EQ(tableDataToClipboard(t, CLIP_NAMES), 0u);
@@ -254,10 +257,8 @@ TEST(ClipboardExport, SharedTableExportsItsOwnView) {
   HTABLE copy = tableCopy(t, 0);
   ASSERT_NE(copy, 0u);
   ASSERT_EQ(tableSetField(copy, 0, 1, "changed"), 1u);
-  EXPECT_EQ(tableDataToClipboard(t, CLIP_ROWS), 1u);
-  EXPECT_EQ(ClipText(), "1\t2\r\n3\t4");
-  EXPECT_EQ(tableDataToClipboard(copy, CLIP_ROWS), 1u);
-  EXPECT_EQ(ClipText(), "1\tchanged\r\n3\t4");
+  EXPECT_EQ(Export(t, CLIP_ROWS), "1\t2\r\n3\t4");
+  EXPECT_EQ(Export(copy, CLIP_ROWS), "1\tchanged\r\n3\t4");
   tableDestroy(t);
   tableDestroy(copy);
 }
@@ -266,12 +267,9 @@ TEST(ClipboardExport, SharedTableExportsItsOwnView) {
 
 TEST(ClipboardImport, RoundTripOfNamesAndRows) {
   HTABLE t = Example();
-  ASSERT_EQ(tableDataToClipboard(t, CLIP_NAMES_AND_ROWS), 1u);
-  HTABLE back = tableDataFromClipboard(0);
-  ASSERT_NE(back, 0u);
-  EXPECT_NE(back, t);
+  HTABLE back = Reimport(t, CLIP_NAMES_AND_ROWS);
   EXPECT_EQ(Dump(back), "A|B/1|2/3|4");
-  EXPECT_EQ(Field(back, ROW_HEADER, static_cast<uint32_t>(-1)), "%1s %1s ");
+  EXPECT_EQ(Widths(back), "%1s %1s ");
   for (uint32_t a = 2; a <= 5; ++a) EXPECT_EQ(Field(back, ROW_HEADER, 0u - a), "");
   EXPECT_EQ(tableGetSelection(back), 0xFFFFFFFFu);
   EXPECT_EQ(tableGetType(back), 0u);
@@ -291,20 +289,16 @@ TEST(ClipboardImport, RoundTripOfWiderTable) {
   AddRow(t, "Ann|Oslo|x");
   AddRow(t, "|Reykjavik|");
   AddRow(t, "Bartholomew||");
-  ASSERT_EQ(tableDataToClipboard(t, CLIP_NAMES_AND_ROWS), 1u);
-  HTABLE back = tableDataFromClipboard(0);
-  ASSERT_NE(back, 0u);
+  HTABLE back = Reimport(t, CLIP_NAMES_AND_ROWS);
   EXPECT_EQ(Dump(back), Dump(t));
-  EXPECT_EQ(Field(back, ROW_HEADER, static_cast<uint32_t>(-1)), "%11s %9s %1s ");
+  EXPECT_EQ(Widths(back), "%11s %9s %1s ");
   tableDestroy(back);
   tableDestroy(t);
 }
 
 TEST(ClipboardImport, TextAfterTheLastCrIsIgnored) {
   HTABLE t = Example();
-  ASSERT_EQ(tableDataToClipboard(t, CLIP_ROWS), 1u);
-  HTABLE back = tableDataFromClipboard(0);
-  ASSERT_NE(back, 0u);
+  HTABLE back = Reimport(t, CLIP_ROWS);
   EXPECT_EQ(Dump(back), "1|2");
   EXPECT_EQ(tableRowCount(back), 0u);
   tableDestroy(back);
@@ -316,7 +310,7 @@ TEST(ClipboardImport, TextAfterTheLastCrIsIgnored) {
   // A CR that is the last byte ends the scan.
   back = Import("A\r");
   EXPECT_EQ(Dump(back), "A");
-  EXPECT_EQ(Field(back, ROW_HEADER, static_cast<uint32_t>(-1)), "%1s ");
+  EXPECT_EQ(Widths(back), "%1s ");
   tableDestroy(back);
   tableDestroy(t);
 }
@@ -339,12 +333,12 @@ TEST(ClipboardImport, EmptyLines) {
   HTABLE t = Import("\r\n\r\nx\r\n");
   EXPECT_EQ(tableColCount(t), 1u);
   EXPECT_EQ(Dump(t), "//x");
-  EXPECT_EQ(Field(t, ROW_HEADER, static_cast<uint32_t>(-1)), "%1s ");
+  EXPECT_EQ(Widths(t), "%1s ");
   tableDestroy(t);
   t = Import("\r\n");
   EXPECT_EQ(Dump(t), "");
   EXPECT_EQ(tableRowCount(t), 0u);
-  EXPECT_EQ(Field(t, ROW_HEADER, static_cast<uint32_t>(-1)), "%0s ");
+  EXPECT_EQ(Widths(t), "%0s ");
   tableDestroy(t);
 }
 
@@ -359,7 +353,7 @@ TEST(ClipboardImport, TenColumnsAtMost) {
   ASSERT_NE(t, 0u);
   EXPECT_EQ(tableColCount(t), 10u);
   EXPECT_EQ(Dump(t), "a|b|c|d|e|f|g|h|i|jj/1|2|3|4|5|6|7|8|9|10");
-  EXPECT_EQ(Field(t, ROW_HEADER, static_cast<uint32_t>(-1)), "%1s %1s %1s %1s %1s %1s %1s %1s %1s %2s ");
+  EXPECT_EQ(Widths(t), "%1s %1s %1s %1s %1s %1s %1s %1s %1s %2s ");
   tableDestroy(t);
 }
 
@@ -368,7 +362,7 @@ TEST(ClipboardImport, WidthsOfTenColumnsFromAShortText) {
   HTABLE t = Import("\t\t\t\t\t\t\t\t\t\r");
   ASSERT_NE(t, 0u);
   EXPECT_EQ(tableColCount(t), 10u);
-  EXPECT_EQ(Field(t, ROW_HEADER, static_cast<uint32_t>(-1)), "%0s %0s %0s %0s %0s %0s %0s %0s %0s %0s ");
+  EXPECT_EQ(Widths(t), "%0s %0s %0s %0s %0s %0s %0s %0s %0s %0s ");
   tableDestroy(t);
 
   // Ten columns of the greatest width.
@@ -388,7 +382,7 @@ TEST(ClipboardImport, WidthsOfTenColumnsFromAShortText) {
 TEST(ClipboardImport, ShortAndLongRows) {
   HTABLE t = Import("A\tB\tC\r\n1\r\n1\t2\t3\t4\r\n\t\tzz\r\n");
   EXPECT_EQ(Dump(t), "A|B|C/1||/1|2|3/||zz");
-  EXPECT_EQ(Field(t, ROW_HEADER, static_cast<uint32_t>(-1)), "%1s %1s %2s ");
+  EXPECT_EQ(Widths(t), "%1s %1s %2s ");
   tableDestroy(t);
 }
 
@@ -396,7 +390,7 @@ TEST(ClipboardImport, WidthCountsNamesAndFieldsUpTo254) {
   std::string longField(300, 'x');
   HTABLE t = Import("Name\tX\tId\r\nab\tlongish\t\r\n" + longField + "\t\t7\r\n");
   ASSERT_NE(t, 0u);
-  EXPECT_EQ(Field(t, ROW_HEADER, static_cast<uint32_t>(-1)), "%254s %7s %2s ");
+  EXPECT_EQ(Widths(t), "%254s %7s %2s ");
   char buf[400] = {};
   EXPECT_EQ(tableGetField(t, 1, 0, buf, sizeof buf), 301u);
   EXPECT_EQ(std::string(buf), longField);
@@ -439,6 +433,6 @@ TEST(ClipboardImport, RowsThatDoNotFitAreSkipped) {
   EXPECT_EQ(tableRowCount(t), 66u);
   EXPECT_EQ(Field(t, 64, 0), row);
   EXPECT_EQ(Field(t, 65, 0), "tail");
-  EXPECT_EQ(Field(t, ROW_HEADER, static_cast<uint32_t>(-1)), "%254s ");
+  EXPECT_EQ(Widths(t), "%254s ");
   tableDestroy(t);
 }

@@ -144,6 +144,9 @@ TEST(ClipboardHost, PlatformSideReplacesAndCopies) {
 
 TEST(ClipboardExport, EveryLayoutOfTheExample) {
   HTABLE t = Example();
+  // Attribute strings are never part of the text.
+  ASSERT_EQ(tableSetField(t, ROW_HEADER, static_cast<uint32_t>(-1), "%1s %1s "), 1u);
+  ASSERT_EQ(tableSetField(t, ROW_HEADER, static_cast<uint32_t>(-5), "last"), 1u);
   const struct {
     uint32_t mode;
     const char *text;

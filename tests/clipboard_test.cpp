@@ -286,19 +286,6 @@ TEST(ClipboardImport, RoundTripOfNamesAndRows) {
   tableDestroy(t);
 }
 
-TEST(ClipboardImport, RoundTripOfWiderTable) {
-  HTABLE t = tableCreate(3, 0);
-  SetNames(t, "Name|City|");
-  AddRow(t, "Ann|Oslo|x");
-  AddRow(t, "|Reykjavik|");
-  AddRow(t, "Bartholomew||");
-  HTABLE back = Reimport(t, CLIP_NAMES_AND_ROWS);
-  EXPECT_EQ(Dump(back), Dump(t));
-  EXPECT_EQ(Widths(back), "%11s %9s %1s ");
-  tableDestroy(back);
-  tableDestroy(t);
-}
-
 TEST(ClipboardImport, TextAfterTheLastCrIsIgnored) {
   HTABLE t = Example();
   HTABLE back = Reimport(t, CLIP_ROWS);

@@ -426,3 +426,64 @@ TEST(ClipboardImport, RowsThatDoNotFitAreSkipped) {
   EXPECT_EQ(Widths(t), "%254s ");
   tableDestroy(t);
 }
+
+// ---------------------------------------------------------------- no memory
+
+namespace {
+
+uint32_t LiveTables() {
+  uint32_t handles[8];
+  return collGetTableHandles(handles, sizeof handles);
+}
+
+// Runs step with its n-th allocation failing, for every n until a run meets
+// no failure; setup runs before each step with allocations working.
+template <typename Setup, typename Step>
+void ForEveryAllocation(Setup setup, Step step) {
+  for (uint32_t n = 1;; ++n) {
+    platform::FailAllocation(0);
+    setup();
+    platform::FailAllocation(n);
+    step();
+    uint32_t made = platform::FailAllocation(0);
+    if (made < n) break;
+    ASSERT_LT(n, 1000u);
+  }
+}
+
+}  // namespace
+
+TEST(ClipboardNoMemory, ExportFailsWithoutATrace) {
+  HTABLE t = Example();
+  ForEveryAllocation([] { collHostSetClipboardText("kept"); },
+                     [t] {
+                       std::string text = Export(t, CLIP_NAMES_AND_ROWS);
+                       // A clipboard without memory for its copy ends up empty.
+                       EXPECT_TRUE(text == "A\tB\r\n1\t2\r\n3\t4\r" || text == "<none>" || text == "<refused>")
+                           << text;
+                       if (text == "<refused>") {
+                         EXPECT_EQ(ClipText(), "kept");
+                       }
+                     });
+  EXPECT_EQ(Dump(t), "A|B/1|2/3|4");
+  tableDestroy(t);
+}
+
+TEST(ClipboardNoMemory, ImportLeavesNoTableBehind) {
+  ForEveryAllocation([] { collHostSetClipboardText("A\tB\r\n1\t2\r\n"); },
+                     [] {
+                       HTABLE back = tableDataFromClipboard(0);
+                       if (!back) {
+                         EXPECT_EQ(LiveTables(), 0u);
+                         return;
+                       }
+                       // Rows and names that found no memory are left out.
+                       EXPECT_EQ(tableColCount(back), 2u);
+                       EXPECT_LE(tableRowCount(back), 1u);
+                       tableDestroy(back);
+                       EXPECT_EQ(LiveTables(), 0u);
+                     });
+  // The clipboard is not left open.
+  EXPECT_EQ(collHostOpenClipboard(1), 1u);
+  EXPECT_EQ(collHostCloseClipboard(), 1u);
+}

@@ -124,6 +124,22 @@ uint32_t TableRowToCollection(uint32_t hTable, uint32_t hColl);
 // block; 0 with nothing allocated.
 uint32_t TableCopyHandle(uint8_t *header, uint32_t hOwner);
 
+// ---- clipboard text (REQUIRES: lock held; header valid)
+// Writes the layout of mode (CLIP_*) into buffer, which holds
+// length + 4 * rows + 104 bytes, and sets *length to the bytes written, each
+// string followed by a TAB or, at a line end, CR LF; 0 when there is nothing
+// to export.
+void BuildClipOutput(uint32_t mode, const uint8_t *header, uint8_t *buffer, uint32_t *length);
+// Steps *dataOffset past the column names, writing them in the modes that
+// show names and ending their line with CR LF in the modes with rows.
+void copyAndSkipNames(uint32_t mode, const uint8_t *header, uint32_t *length, uint8_t *buffer,
+                      uint32_t *dataOffset);
+// Walks the fields of every row from *dataOffset, writing the selected row
+// (modes 1 and 3) or every row ended by CR LF (modes 2 and 4); in mode 2 the
+// last LF is taken back.
+void copyAndSkipRows(uint32_t mode, const uint8_t *header, uint32_t *length, uint8_t *buffer,
+                     uint32_t *dataOffset);
+
 }  // namespace coll
 
 #endif  // COLL_TABLES_TABLE_H

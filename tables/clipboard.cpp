@@ -59,10 +59,10 @@ void ClipLineEnd(const uint8_t *header, uint8_t *buffer, uint32_t *length) {
 
 void copyAndSkipNames(uint32_t mode, const uint8_t *header, uint32_t *length, uint8_t *buffer,
                       uint32_t *dataOffset) {
-  bool write = mode == CLIP_NAMES || mode == CLIP_NAMES_AND_SELECTION || mode == CLIP_NAMES_AND_ROWS;
+  bool write = mode == CLIP_NAMES || mode == CLIP_NAMES_AND_SELECTED_ROW || mode == CLIP_NAMES_AND_ROWS;
   uint32_t cols = TableCols(header);
   for (uint32_t c = 0; c < cols; ++c) ClipString(header, buffer, length, dataOffset, write);
-  if (mode == CLIP_NAMES_AND_SELECTION || mode == CLIP_NAMES_AND_ROWS) ClipLineEnd(header, buffer, length);
+  if (mode == CLIP_NAMES_AND_SELECTED_ROW || mode == CLIP_NAMES_AND_ROWS) ClipLineEnd(header, buffer, length);
 }
 
 void copyAndSkipRows(uint32_t mode, const uint8_t *header, uint32_t *length, uint8_t *buffer,
@@ -85,8 +85,8 @@ void BuildClipOutput(uint32_t mode, const uint8_t *header, uint8_t *buffer, uint
   *length = 0;
   copyAndSkipNames(mode, header, length, buffer, &offset);
   switch (mode) {
-    case CLIP_SELECTION:
-    case CLIP_NAMES_AND_SELECTION:
+    case CLIP_SELECTED_ROW:
+    case CLIP_NAMES_AND_SELECTED_ROW:
       if (TableSelection(header) >= TableRows(header)) {
         *length = 0;
         return;

@@ -152,9 +152,9 @@ TEST(ClipboardExport, EveryLayoutOfTheExample) {
     const char *text;
   } cases[] = {
       {CLIP_NAMES, "A\tB"},
-      {CLIP_SELECTION, "3\t4"},
+      {CLIP_SELECTED_ROW, "3\t4"},
       {CLIP_ROWS, "1\t2\r\n3\t4"},
-      {CLIP_NAMES_AND_SELECTION, "A\tB\r\n3\t4"},
+      {CLIP_NAMES_AND_SELECTED_ROW, "A\tB\r\n3\t4"},
       {CLIP_NAMES_AND_ROWS, "A\tB\r\n1\t2\r\n3\t4\r"},
   };
   for (const auto &c : cases) {
@@ -177,7 +177,7 @@ TEST(ClipboardExport, FieldsAreCopiedAsTheyStand) {
   AddRow(t, "|a\tb|");
   tableSetSelection(t, 0);
   EXPECT_EQ(Export(t, CLIP_NAMES), "Name\t\tx y");
-  EXPECT_EQ(Export(t, CLIP_SELECTION), "\ta\tb\t");
+  EXPECT_EQ(Export(t, CLIP_SELECTED_ROW), "\ta\tb\t");
   EXPECT_EQ(Export(t, CLIP_NAMES_AND_ROWS), "Name\t\tx y\r\n\ta\tb\t\r");
   tableDestroy(t);
 }
@@ -196,14 +196,14 @@ TEST(ClipboardExport, NothingToExportLeavesTheClipboard) {
   HTABLE t = Example();
   tableSetSelection(t, 0xFFFFFFFF);
   collHostSetClipboardText("kept");
-  EXPECT_EQ(tableDataToClipboard(t, CLIP_SELECTION), 0u);
-  EXPECT_EQ(tableDataToClipboard(t, CLIP_NAMES_AND_SELECTION), 0u);
+  EXPECT_EQ(tableDataToClipboard(t, CLIP_SELECTED_ROW), 0u);
+  EXPECT_EQ(tableDataToClipboard(t, CLIP_NAMES_AND_SELECTED_ROW), 0u);
   EXPECT_EQ(ClipText(), "kept");
 
   // A selection that fell off the end counts as none.
   tableSetSelection(t, 1);
   tableDeleteRow(t, 0);
-  EXPECT_EQ(tableDataToClipboard(t, CLIP_SELECTION), 0u);
+  EXPECT_EQ(tableDataToClipboard(t, CLIP_SELECTED_ROW), 0u);
   EXPECT_EQ(ClipText(), "kept");
 
   HTABLE empty = tableCreate(2, 0);

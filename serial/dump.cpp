@@ -44,6 +44,18 @@ const uint8_t *SoundBlock(const ItemCursor &cur) {
   }
 }
 
+// The next n bytes of the output, or null (and failed set) when they do not
+// fit.
+uint8_t *Reserve(DumpWriter *out, uint32_t n) {
+  if (out->failed || out->size - out->pos < n) {
+    out->failed = true;
+    return nullptr;
+  }
+  uint8_t *p = out->buf + out->pos;
+  out->pos += n;
+  return p;
+}
+
 uint32_t CalcDumpSizeAt(uint8_t *img, uint32_t *error, uint32_t depth);
 uint32_t stringCollAt(uint8_t *img, DumpWriter *out, uint32_t depth);
 uint32_t strItemsAt(const uint8_t *block, DumpWriter *out, uint32_t depth);
@@ -170,8 +182,7 @@ uint32_t strItemsAt(const uint8_t *blk, DumpWriter *out, uint32_t depth) {
 // block (*image, the caller frees it). size is the room of the caller's
 // buffer in units of scale bytes per image byte. The image length (needed
 // or written), or 0 on failure. REQUIRES: lock held.
-uint32_t DumpToWork(uint32_t hColl, uint32_t size, uint32_t scale, uint8_t **image) {
-  *image = nullptr;
+uint32_t DumpToWorkLocked(uint32_t hColl, uint32_t size, uint32_t scale, uint8_t **image) {
   uint8_t *img = AccessColl(hColl);
   if (!img) return 0;
   uint32_t error = 0;
@@ -192,33 +203,29 @@ uint32_t DumpToWork(uint32_t hColl, uint32_t size, uint32_t scale, uint8_t **ima
   return written;
 }
 
+// The exported dumps up to the work block: argument tests, then the image
+// made under the lock, which is released before the caller's buffer is
+// filled.
+uint32_t DumpToWork(uint32_t hColl, void *buffer, uint32_t size, uint32_t scale, uint8_t **image) {
+  *image = nullptr;
+  if (isBadPtr(buffer, 1, size) || isBadCollHandle(hColl)) return 0;
+  LockGuard lock;
+  return DumpToWorkLocked(hColl, size, scale, image);
+}
+
 }  // namespace
 
 void cpyWord(DumpWriter *out, uint32_t value) {
-  if (out->failed || out->size - out->pos < 2) {
-    out->failed = true;
-    return;
-  }
-  wrBE16(out->buf + out->pos, value);
-  out->pos += 2;
+  if (uint8_t *p = Reserve(out, 2)) wrBE16(p, value);
 }
 
 void cpyLong(DumpWriter *out, uint32_t value) {
-  if (out->failed || out->size - out->pos < 4) {
-    out->failed = true;
-    return;
-  }
-  wrBE32(out->buf + out->pos, value);
-  out->pos += 4;
+  if (uint8_t *p = Reserve(out, 4)) wrBE32(p, value);
 }
 
 void cpyBytes(DumpWriter *out, const void *src, uint32_t n) {
-  if (out->failed || out->size - out->pos < n) {
-    out->failed = true;
-    return;
-  }
-  if (n) std::memcpy(out->buf + out->pos, src, n);
-  out->pos += n;
+  uint8_t *p = Reserve(out, n);
+  if (p && n) std::memcpy(p, src, n);
 }
 
 void cpyhdr(DumpWriter *out, uint32_t type, uint32_t tranFlag, uint32_t length) {
@@ -277,13 +284,8 @@ uint32_t isBadCollDumpHdr(const uint8_t *img, uint32_t length, uint32_t sum) {
 using namespace coll;
 
 COLL_API(uint32_t) collDumpItems(uint32_t hColl, void *buffer, uint32_t size) {
-  if (isBadPtr(buffer, 1, size) || isBadCollHandle(hColl)) return 0;
   uint8_t *work;
-  uint32_t length;
-  {
-    LockGuard lock;
-    length = DumpToWork(hColl, size, 1, &work);
-  }
+  const uint32_t length = DumpToWork(hColl, buffer, size, 1, &work);
   if (work) {
     std::memcpy(buffer, work, length);
     collFreePtr(work);
@@ -292,13 +294,8 @@ COLL_API(uint32_t) collDumpItems(uint32_t hColl, void *buffer, uint32_t size) {
 }
 
 COLL_API(uint32_t) collDumpItemsHex(uint32_t hColl, char *text, uint32_t size) {
-  if (isBadPtr(text, 1, size) || isBadCollHandle(hColl)) return 0;
   uint8_t *work;
-  uint32_t length;
-  {
-    LockGuard lock;
-    length = DumpToWork(hColl, size, 2, &work);
-  }
+  const uint32_t length = DumpToWork(hColl, text, size, 2, &work);
   if (!work) return 2 * length;
   // Each byte as two digits, the low four bits first.
   static const char kDigits[] = "0123456789ABCDEF";

@@ -123,7 +123,9 @@ uint32_t ConvertToIntel(const uint8_t *records, uint32_t length, uint32_t hColl)
 uint32_t convIntel(const uint8_t *records, uint32_t length, uint32_t hColl) {
   if (!AccessColl(hColl)) return 0;
   uint32_t pos = 0;
-  while (pos < length) {
+  // Storing releases the lock while the change is communicated: stop when
+  // the collection has gone meanwhile.
+  while (pos < length && GetCollPtr(hColl)) {
     const uint32_t n = convWord(records, &pos);
     const char *tag = reinterpret_cast<const char *>(records + pos);
     pos += n;

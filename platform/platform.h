@@ -60,6 +60,21 @@ uint32_t TickCount();
 // be obtained (buffer then holds an empty string). REQUIRES: size >= 1.
 uint32_t ExecutableName(char *buffer, uint32_t size);
 
+// A calendar time broken down in the machine's local time zone.
+struct CivilTime {
+  int32_t year;     // e.g. 1970
+  int32_t month;    // 0 (January) to 11
+  int32_t day;      // 1 to 31
+  int32_t hour;     // 0 to 23
+  int32_t minute;   // 0 to 59
+  int32_t second;   // 0 to 60
+  int32_t weekday;  // 0 (Sunday) to 6
+};
+// Converts an unsigned count of seconds since 1970-01-01 00:00:00 UTC (all
+// 32 bits, so times run to 2106) to local time (localtime semantics).
+// Thread-safe; false when the conversion gives no result (*out unchanged).
+bool LocalTime(uint32_t secondsSince1970, CivilTime *out);
+
 // ---------------------------------------------------------------- memory
 // Zero-filled heap memory; null when the heap cannot satisfy it. size 0
 // yields a valid unique block.
@@ -71,6 +86,11 @@ void *HeapAlloc(size_t size);
 void *HeapReAlloc(void *block, size_t size);
 // Returns block to the heap; null is ignored.
 void HeapFree(void *block);
+
+// Test hook: makes the n-th HeapAlloc or HeapReAlloc from now on fail (n = 1
+// is the next one); 0 turns failures off. Returns the number of allocations
+// made since the previous call, so a test can tell when a run needed no more.
+uint32_t FailAllocation(uint32_t n);
 
 // Memory tests. They never fault and make no system call: size 0 always
 // passes; a null pointer, a pointer into the first 64 KiB, or a range that

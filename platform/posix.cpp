@@ -96,10 +96,44 @@ uint32_t ExecutableName(char *buffer, uint32_t size) {
   return static_cast<uint32_t>(len);
 }
 
+bool LocalTime(uint32_t secondsSince1970, CivilTime *out) {
+  static_assert(sizeof(time_t) >= 8, "time_t must hold every unsigned 32-bit time");
+  time_t t = static_cast<time_t>(secondsSince1970);
+  struct tm tm;
+  if (!localtime_r(&t, &tm)) return false;
+  out->year = tm.tm_year + 1900;
+  out->month = tm.tm_mon;
+  out->day = tm.tm_mday;
+  out->hour = tm.tm_hour;
+  out->minute = tm.tm_min;
+  out->second = tm.tm_sec;
+  out->weekday = tm.tm_wday;
+  return true;
+}
+
 // ---------------------------------------------------------------- memory
 
-void *HeapAlloc(size_t size) { return std::calloc(1, size ? size : 1); }
-void *HeapReAlloc(void *block, size_t size) { return std::realloc(block, size ? size : 1); }
+namespace {
+uint32_t g_failAt;       // allocations left until the one that fails; 0: none
+uint32_t g_allocations;  // allocations since the last FailAllocation call
+
+bool InjectFailure() {
+  __atomic_add_fetch(&g_allocations, 1, __ATOMIC_RELAXED);
+  uint32_t left = __atomic_load_n(&g_failAt, __ATOMIC_RELAXED);
+  if (left == 0) return false;
+  return __atomic_sub_fetch(&g_failAt, 1, __ATOMIC_RELAXED) == 0;
+}
+}  // namespace
+
+uint32_t FailAllocation(uint32_t n) {
+  __atomic_store_n(&g_failAt, n, __ATOMIC_RELAXED);
+  return __atomic_exchange_n(&g_allocations, 0, __ATOMIC_RELAXED);
+}
+
+void *HeapAlloc(size_t size) { return InjectFailure() ? nullptr : std::calloc(1, size ? size : 1); }
+void *HeapReAlloc(void *block, size_t size) {
+  return InjectFailure() ? nullptr : std::realloc(block, size ? size : 1);
+}
 void HeapFree(void *block) { std::free(block); }
 
 static bool BadRange(const void *p, uint32_t size) {

@@ -31,7 +31,9 @@ uint32_t isBadTablePtr(const uint8_t *h) {
     return 1;
   // The data record must exist and be in use.
   uint32_t index = TableDataIndex(h);
-  return (index >= kSlots || ps->tableData[index].data == nullptr) ? 1 : 0;
+  if (index >= kSlots || ps->tableData[index].data == nullptr) return 1;
+  // The attribute strings start within the data.
+  return rd32(h + th::attrOffset) > TableDataLength(h) ? 1 : 0;
 }
 
 void StampTable(uint8_t *h) { wr32(h + th::stamp, platform::TickCount()); }
@@ -54,6 +56,13 @@ uint32_t SkipStrings(const uint8_t *data, uint32_t offset, uint32_t n, uint32_t 
     if (offset < end) ++offset;
   }
   return offset;
+}
+
+uint32_t TableStringLength(const uint8_t *h, const uint8_t *p) {
+  const uint8_t *data = TableData(h);
+  uint32_t offset = uint32_t(p - data);
+  uint32_t end = TableDataLength(h);
+  return offset < end ? collstrlen(p, end - offset) : 0;
 }
 
 uint32_t CreateNewTable(uint32_t *hTable, uint8_t **header, uint8_t **block, uint32_t size) {

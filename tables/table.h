@@ -66,6 +66,9 @@ uint32_t strlenz(const uint8_t *p);
 uint32_t nstrlen(const uint8_t *p, uint32_t n);
 // Offset after skipping n strings from offset, never past end.
 uint32_t SkipStrings(const uint8_t *data, uint32_t offset, uint32_t n, uint32_t end);
+// Length without terminator of the string at p, a string of the header's
+// data block; never reaches past the data in use.
+uint32_t TableStringLength(const uint8_t *header, const uint8_t *p);
 
 // ---- the table object (REQUIRES: lock held)
 // The body of tableCreate: a new free-standing table, or 0.
@@ -90,6 +93,36 @@ uint32_t MakeTableDataPrivate(uint8_t *header);
 uint8_t *GetTableDataPtr(uint8_t *header, uint32_t row, uint32_t column, uint32_t forWrite);
 // Offset of string number n in the data block, through the position cache.
 uint32_t tablestrlen(uint8_t *header, uint32_t n);
+
+// ---- the work of the table functions on a resolved header, shared with
+// the readers of table items (REQUIRES: lock held)
+// Copies the addressed string (cut to size - 1 bytes, terminated); its
+// length + 1, or 0 when the address names no string.
+uint32_t TableGetString(uint8_t *header, uint32_t row, uint32_t column, void *buffer, uint32_t size);
+// Replaces the addressed string by text: 1, or 0 with the table unchanged.
+uint32_t TableSetString(uint32_t hTable, uint8_t *header, uint32_t row, uint32_t column, const char *text);
+// The selected row, or 0xFFFFFFFF (a selection past the end is cleared).
+uint32_t TableGetSelectionOf(uint8_t *header);
+// Selects row, or clears the selection when row is not below rows.
+void TableSetSelectionOf(uint8_t *header, uint32_t row);
+// The first column whose name equals name without regard to case, or
+// 0xFFFFFFFF.
+uint32_t TableColIndexOf(uint8_t *header, const char *name);
+// The first row from startRow whose field in column equals (abbrev: begins
+// with) the text of at most textSize bytes without regard to case, or
+// 0xFFFFFFFF.
+uint32_t TableFind(uint8_t *header, const char *text, uint32_t textSize, uint32_t startRow, uint32_t column,
+                   bool abbrev);
+// The packed row (ROW_ATTRIBUTES, ROW_NAMES or a row index): its byte count,
+// copied when it fits size; 0 for any other row.
+uint32_t TableGetPackedRow(uint8_t *header, uint32_t row, void *buffer, uint32_t size);
+// Stores the selected row's fields as text items of hColl named like the
+// columns: 1, or 0 (no selection, a failed store). The lock is released
+// while each change is communicated.
+uint32_t TableRowToCollection(uint32_t hTable, uint32_t hColl);
+// A new handle (owner hOwner) with a copy of header, sharing its data
+// block; 0 with nothing allocated.
+uint32_t TableCopyHandle(uint8_t *header, uint32_t hOwner);
 
 }  // namespace coll
 

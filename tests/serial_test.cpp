@@ -802,6 +802,9 @@ TEST(TableLoad, CopyMode) {
   EXPECT_EQ(b.owner, 0u);
   EXPECT_EQ(b.refCount, 1u);
   EXPECT_EQ(b.owned, 1u);
+  EXPECT_EQ(tableCompare(loaded, t, 0, 0), 2u);
+  EXPECT_EQ(tableGetSelection(loaded), 1u);
+  EXPECT_EQ(tableGetType(loaded), 0x1234u);
   // The unused arguments change nothing.
   HTABLE again = tableLoad(image.data(), uint32_t(image.size()), 2, 0xFFFFFFFF, 123);
   EXPECT_EQ(ViewTable(again).words, a.words);
@@ -822,17 +825,15 @@ TEST(TableLoad, InPlaceModeReadsTheImageAndNeverWritesIt) {
   EXPECT_EQ(v.block, image.data() + 28 + 3);
   EXPECT_EQ(v.owned, 0u);
   EXPECT_EQ(v.data, ViewTable(t).data);
-  {
-    // A change gives the table its own copy first.
-    coll::LockGuard lock;
-    uint8_t *field = coll::GetTableDataPtr(coll::GetTablePtr(loaded), 0, 0, 1);
-    ASSERT_NE(field, nullptr);
-    field[0] = 'F';
-  }
+  EXPECT_EQ(tableCompare(loaded, t, 0, 0), 1u);
+  // A change gives the table its own copy first.
+  ASSERT_EQ(tableSetItem(loaded, 0, 0, "changed"), 1u);
   EXPECT_EQ(image, original);
   v = ViewTable(loaded);
   EXPECT_EQ(v.owned, 1u);
-  EXPECT_EQ(v.data.substr(4, 5), "Field");
+  char field[16];
+  EXPECT_EQ(tableGetItem(loaded, 0, 0, field, sizeof field), 8u);
+  EXPECT_STREQ(field, "changed");
   tableDestroy(loaded);
   EXPECT_EQ(UsedRecords(), records);
   EXPECT_EQ(image, original);
@@ -901,4 +902,65 @@ TEST(TableLoad, NoFreeHandleGivesTheRecordBack) {
   EXPECT_EQ(UsedRecords(), records);
   tableDestroy(tables.back());
   EXPECT_NE(tableLoad(image.data(), uint32_t(image.size()), 0, 0, 0), 0u);
+}
+
+TEST(DumpLoad, RoundTripThroughThePublicFunctions) {
+  HCOLL h = collOpen("Public");
+  collSetString(h, "name", "value");
+  collSetNumeric(h, "count", -5);
+  collSetTime(h, "at", 1234567890);
+  HTABLE t = tableCreate(2, 3);
+  tableSetItem(t, ROW_HEADER, 0, "Col0");
+  tableSetItem(t, ROW_HEADER, 1, "Col1");
+  tableAddRow(t, ROW_APPEND);
+  tableSetItem(t, 0, 1, "cell");
+  tableSetSelection(t, 0);
+  collSetTable(h, "table", t);
+  HCOLL inner = collOpen("Inner");
+  collSetString(inner, "deep", "down");
+  collSetColl(h, "inner", inner);
+  HCOLL target = collOpen("Target");
+  std::string text = DumpHex(h);
+  ASSERT_EQ(collLoadItemsHex(target, text.data(), uint32_t(text.size())), 1u);
+  char buf[32];
+  EXPECT_EQ(collGetString(target, "name", buf, sizeof buf), 6u);
+  EXPECT_STREQ(buf, "value");
+  EXPECT_EQ(collGetNumeric(target, "count"), -5);
+  uint32_t when = 0;
+  EXPECT_EQ(collGetTime(target, "at", &when), 1u);
+  EXPECT_EQ(when, 1234567890u);
+  EXPECT_EQ(collTableRowCount(target, "table"), 1u);
+  EXPECT_EQ(collTableGetSelection(target, "table"), 0u);
+  EXPECT_EQ(collTableGetField(target, "table", 0, 1, buf, sizeof buf), 5u);
+  EXPECT_STREQ(buf, "cell");
+  HTABLE copy = collGetTable(target, "table");
+  EXPECT_EQ(tableCompare(copy, t, 0, 0), 1u);
+  HCOLL nested = collGetColl(target, "inner");
+  EXPECT_EQ(collGetString(nested, "deep", buf, sizeof buf), 5u);
+  EXPECT_STREQ(buf, "down");
+}
+
+TEST(DumpLoad, RecordsThatDoNotFitLeaveNothingBehind) {
+  HCOLL source = collOpen("Source");
+  HTABLE t = MakeTable(1, 0, {"c", "", "", "", "", ""});
+  PutObject(source, "t", COLLTYPE_TABLE, t);
+  HCOLL inner = collOpen("Inner");
+  SetText(inner, "k", "v");
+  PutObject(source, "c", COLLTYPE_COLL, inner);
+  SetText(source, "s", "x");
+  Bytes image = Dump(source);
+  // 678 + 11 + k bytes in use leave 5 bytes: too few for any of the items.
+  HCOLL full = collOpen("Full");
+  const std::string filler(62789, 'f');
+  ASSERT_EQ(collSetItem(full, "r", filler.data(), uint32_t(filler.size())), 1u);
+  const uint32_t tables = LiveTables(), collections = LiveCollections(), records = UsedRecords();
+  ASSERT_EQ(Load(full, image), 1u);
+  EXPECT_EQ(collItemCount(full), 1u);
+  EXPECT_EQ(LiveTables(), tables);
+  EXPECT_EQ(LiveCollections(), collections);
+  EXPECT_EQ(UsedRecords(), records);
+  // With room made the same image loads.
+  ASSERT_EQ(collSetItem(full, "r", "f", 1), 1u);
+  ASSERT_EQ(Load(full, image), 1u);
+  EXPECT_EQ(collItemCount(full), 4u);
 }

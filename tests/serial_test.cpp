@@ -17,14 +17,11 @@ using Bytes = std::vector<uint8_t>;
 using coll::rd16;
 using coll::rd32;
 
+// Bytes from hexadecimal pairs separated by spaces ("00 14 CE").
 Bytes FromHex(const std::string &spaced) {
   Bytes out;
-  for (size_t i = 0; i + 1 < spaced.size() + 1;) {
-    while (i < spaced.size() && spaced[i] == ' ') ++i;
-    if (i >= spaced.size()) break;
+  for (size_t i = 0; i < spaced.size(); i += 3)
     out.push_back(static_cast<uint8_t>(std::stoul(spaced.substr(i, 2), nullptr, 16)));
-    i += 2;
-  }
   return out;
 }
 

@@ -116,6 +116,8 @@ uint8_t *tableReAlloc(uint32_t hTable, uint32_t size) {
   uint8_t *hdr = GetTablePtr(hTable);
   if (!hdr) return nullptr;
   TableDataRec &rec = ps->tableData[TableDataIndex(hdr)];
+  // A caller's image loaded in place is never resized.
+  if (!rec.owned) return nullptr;
   uint8_t *data = static_cast<uint8_t *>(collReAllocPtr(rec.data, size));
   if (!data) return nullptr;
   rec.data = data;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "coll.h"
+#include "platform/platform.h"
 #include "store/store.h"
 #include "tables/table.h"
 #include "tests/test_util.h"
@@ -664,4 +665,57 @@ TEST(TableObject, NoFreeSlotLeavesNothingBehind) {
   // A destroyed table's handle and record come back with the next one.
   tableDestroy(tables[100]);
   EXPECT_EQ(tableCreate(1, 0), tables[100]);
+}
+
+// Every heap allocation of a run of table operations fails in turn: each
+// call fails as documented and leaves what it did not change intact.
+TEST(TableAllocFailure, EveryAllocationFailsInTurn) {
+  tableRowCount(0);  // start-up happens outside the runs
+  for (uint32_t n = 1;; ++n) {
+    platform::FailAllocation(n);
+    HTABLE t = tableCreate(2, 0);
+    if (t) {
+      // Growth past the first page by one long field.
+      std::string wide(1500, 'w');
+      SetRow(t, uint32_t(ROW_NAMES), {"x", "y"});
+      uint32_t added = SetRow(t, uint32_t(ROW_APPEND), {"a", "b"});
+      EXPECT_EQ(tableRowCount(t), added);
+      if (added) {
+        uint32_t set = tableSetItem(t, 0, 1, wide.c_str());
+        EXPECT_EQ(Field(t, 0, 1), set ? wide.substr(0, 255) : "b");
+      }
+      // A change through a copy: both keep their own contents.
+      std::string before = Data(t);
+      HTABLE copy = tableCopy(t, 0);
+      if (copy) {
+        uint32_t changed = tableAddRow(copy, 0);
+        EXPECT_EQ(Data(copy) == before, changed == 0);
+        EXPECT_EQ(Data(t), before);
+        tableDestroy(copy);
+      }
+      HCOLL c = collOpen("c");
+      if (c && collSetTable(c, "t", t)) {
+        HTABLE out = collGetTable(c, "t");
+        EXPECT_EQ(collTableRowCount(c, "t"), tableRowCount(t));
+        tableDestroy(out);
+        tableSetSelection(t, 0);
+        if (tableDataToCollection(t, c)) {
+          EXPECT_EQ(testutil::Tags(c), "t,x,y");
+        }
+      }
+      collClose(c);
+      ExpectConsistent(t);
+      tableDestroy(t);
+    }
+    uint32_t made = platform::FailAllocation(0);
+    // Nothing is left behind.
+    uint32_t handles[4];
+    ASSERT_EQ(collGetTableHandles(handles, sizeof handles), 0u) << n;
+    {
+      coll::LockGuard lock;
+      for (uint32_t i = 0; i < coll::kSlots; ++i) ASSERT_EQ(coll::ps->tableData[i].data, nullptr) << n;
+    }
+    if (made < n) break;
+    ASSERT_LT(n, 1000u);
+  }
 }

@@ -7,9 +7,11 @@
 #include <vector>
 
 #include "coll.h"
+#include "platform/platform.h"
 #include "serial/serial.h"
 #include "store/store.h"
 #include "tables/table.h"
+#include "tests/test_util.h"
 
 namespace {
 
@@ -960,4 +962,69 @@ TEST(DumpLoad, RecordsThatDoNotFitLeaveNothingBehind) {
   ASSERT_EQ(collSetItem(full, "r", "f", 1), 1u);
   ASSERT_EQ(Load(full, image), 1u);
   EXPECT_EQ(collItemCount(full), 4u);
+}
+
+namespace {
+// Tables and collections held by the items of h and of its nested
+// collections.
+void CountHeldLocked(uint32_t h, uint32_t *tables, uint32_t *colls) {
+  uint8_t *img = coll::GetCollPtr(h);
+  for (uint32_t p = 0; img && p < coll::CollDataLength(img);) {
+    coll::ItemCursor cur;
+    if (!coll::ItemAt(img, p, &cur)) break;
+    if (coll::BlockType(cur.block) == COLLTYPE_TABLE) ++*tables;
+    if (coll::BlockType(cur.block) == COLLTYPE_COLL) {
+      ++*colls;
+      CountHeldLocked(rd32(coll::BlockData(cur.block)), tables, colls);
+    }
+    p = coll::NextItemOffset(cur);
+  }
+}
+}  // namespace
+
+// Every allocation fails in turn: a dump gives the whole image or 0 with
+// the buffer untouched; a load stores what it could rebuild and keeps no
+// table, collection or data record that it did not store.
+TEST(DumpAllocFailure, EveryAllocationFailsInTurn) {
+  HCOLL source = RichCollection();
+  const Bytes image = Dump(source);
+  const std::string text = DumpHex(source);
+  const uint32_t tables = LiveTables(), collections = LiveCollections(), records = UsedRecords();
+  for (uint32_t n = 1;; ++n) {
+    platform::FailAllocation(n);
+    Bytes out(image.size(), 0xAA);
+    uint32_t r = collDumpItems(source, out.data(), uint32_t(out.size()));
+    EXPECT_EQ(out, r ? image : Bytes(image.size(), 0xAA));
+    HCOLL target = collOpen("Target");
+    if (target) {
+      if (collLoadItems(target, image.data(), uint32_t(image.size())))
+        EXPECT_EQ(testutil::CheckImage(target), "");
+      else
+        EXPECT_EQ(collItemCount(target), 0u);
+      collLoadItemsHex(target, text.data(), uint32_t(text.size()));
+      EXPECT_EQ(testutil::CheckImage(target), "");
+      // Only what the items hold is taken.
+      uint32_t heldTables = 0, heldColls = 0;
+      {
+        coll::LockGuard lock;
+        CountHeldLocked(target, &heldTables, &heldColls);
+      }
+      EXPECT_EQ(LiveTables(), tables + heldTables) << n;
+      EXPECT_EQ(UsedRecords(), records + heldTables) << n;
+      EXPECT_EQ(LiveCollections(), collections + 1 + heldColls) << n;
+      collClose(target);
+    }
+    HTABLE t = tableLoad(image.data(), uint32_t(image.size()), n % 2, 0, 0);
+    tableDestroy(t);
+    const uint32_t made = platform::FailAllocation(0);
+    ASSERT_EQ(LiveTables(), tables) << "after failing allocation " << n;
+    ASSERT_EQ(LiveCollections(), collections) << "after failing allocation " << n;
+    ASSERT_EQ(UsedRecords(), records) << "after failing allocation " << n;
+    if (made < n) break;
+    ASSERT_LT(n, 10000u);
+  }
+  // Nothing failed in the last run: everything came back whole.
+  HCOLL target = collOpen("Target");
+  ASSERT_EQ(Load(target, image), 1u);
+  EXPECT_EQ(Describe(target), Describe(source));
 }

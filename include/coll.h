@@ -59,9 +59,9 @@ typedef uint32_t HWINDOW;
 
 /* Layouts of tableDataToClipboard. */
 #define CLIP_NAMES 0           /* the column names */
-#define CLIP_SELECTION 1       /* the selected row */
+#define CLIP_SELECTED_ROW 1    /* the selected row */
 #define CLIP_ROWS 2            /* every row */
-#define CLIP_NAMES_AND_SELECTION 3
+#define CLIP_NAMES_AND_SELECTED_ROW 3
 #define CLIP_NAMES_AND_ROWS 4
 
 /* The caller's allocation function of collObtainItem and collObtainString. */

@@ -106,17 +106,23 @@ uint32_t SetItem(uint32_t hColl, const char *tag, uint8_t *block, uint32_t commu
 }
 
 uint32_t SetItemN(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, uint32_t communicate) {
+  return SetItemEx(hColl, tag, n, block, communicate, 1);
+}
+
+uint32_t SetItemEx(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, uint32_t communicate,
+                   uint32_t owned) {
+  // Every path below gives the block up with ReleaseItem (freed when owned).
   if (n == 0) {
-    collFreePtr(block);
+    ReleaseItem(block, owned);
     return 0;
   }
   uint8_t *img = AccessColl(hColl);
   if (!img) {
-    collFreePtr(block);
+    ReleaseItem(block, owned);
     return 0;
   }
   if (block && BlockLength(block) == ITEM_BLOCK_HEAD) {
-    collFreePtr(block);
+    ReleaseItem(block, owned);
     block = nullptr;
   }
   if (block && CollLockThread(img) != 0) wr16(block + ib::tranFlag, 1);
@@ -138,7 +144,7 @@ uint32_t SetItemN(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, u
         std::memcpy(items + p + 2, tag, n);
         std::memcpy(stored, block, b);
       }
-      collFreePtr(block);
+      ReleaseItem(block, owned);
       // An identical value still names the object it owned: keep it.
       if (valueChanged) CollOrTableCheck(old, communicate);
       if (changed && communicate) {
@@ -149,7 +155,7 @@ uint32_t SetItemN(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, u
     }
     uint32_t len = block ? BlockLength(block) : 0;
     if (block && len > b && COLL_HEADER_SIZE + dl - b + len > 65535) {
-      collFreePtr(block);
+      ReleaseItem(block, owned);
       return 0;
     }
     const uint32_t newSize = COLL_HEADER_SIZE + dl - b + len;
@@ -157,7 +163,7 @@ uint32_t SetItemN(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, u
     if (block && CollPagesFor(newSize) > CollPages(img)) {
       img = collReAllocColl(hColl, newSize);
       if (!img) {
-        collFreePtr(block);
+        ReleaseItem(block, owned);
         return 0;
       }
       items = CollItems(img);
@@ -165,7 +171,7 @@ uint32_t SetItemN(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, u
     }
     Owned old = OwnedBy(stored);
     if (!DeleteOldItem(img, p, t, b)) {
-      collFreePtr(block);
+      ReleaseItem(block, owned);
       return 0;
     }
     if (CollLockThread(img) != 0) {
@@ -179,14 +185,14 @@ uint32_t SetItemN(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, u
     CollOrTableCheck(old, communicate);
     img = AccessColl(hColl);
     if (!img) {
-      collFreePtr(block);
+      ReleaseItem(block, owned);
       return 0;
     }
     if (!released) break;
   }
   if (block) {
     bool added = AddItemAtEnd(block, hColl, img, tag, n);
-    collFreePtr(block);
+    ReleaseItem(block, owned);
     if (!added) return 0;
     img = GetCollPtr(hColl);
   }

@@ -124,6 +124,22 @@ inline uint32_t CollNameLength(const uint8_t *img) { return collstrlen(img + ch:
 // Takes over block (freed on every path). Null block or length 6: deletion.
 uint32_t SetItem(uint32_t hColl, const char *tag, uint8_t *block, uint32_t communicate);
 uint32_t SetItemN(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, uint32_t communicate);
+// The store itself: owned 0 leaves the block to the caller (a block on the
+// stack, say); the store may still write its transaction mark.
+uint32_t SetItemEx(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, uint32_t communicate,
+                   uint32_t owned);
+
+// A value block of up to 4 data bytes built in place, for stores that need
+// no heap block (numbers, times, handles).
+struct SmallBlock {
+  uint8_t bytes[ITEM_BLOCK_HEAD + 4];
+  SmallBlock(uint32_t type, uint32_t value) {
+    wr16(bytes + ib::type, type);
+    wr16(bytes + ib::tranFlag, 0);
+    wr16(bytes + ib::length, ITEM_BLOCK_HEAD + 4);
+    wr32(bytes + ib::data, value);
+  }
+};
 uint8_t *DupItem(const uint8_t *block, uint32_t hNewOwner);
 void EmptyCollection(uint32_t hColl, uint32_t communicate);
 uint32_t GetItem(uint8_t *img, const char *tag, uint8_t **block);

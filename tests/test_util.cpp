@@ -1,5 +1,11 @@
 #include "tests/test_util.h"
 
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "coll_host.h"
 #include "store/store.h"
 
 namespace testutil {
@@ -80,6 +86,21 @@ std::string CheckImage(HCOLL h) {
     if (!found) return "cache entry " + std::to_string(e) + " names no tag";
   }
   return {};
+}
+
+TempIni::TempIni() {
+  const char *tmp = std::getenv("TMPDIR");
+  std::string tmpl = std::string(tmp && tmp[0] ? tmp : "/tmp") + "/coll_ini_XXXXXX";
+  if (mkdtemp(tmpl.data())) dir_ = tmpl;
+  path_ = dir_ + "/COLL.INI";
+  collHostSetProfilePath(path_.c_str());
+}
+
+TempIni::~TempIni() {
+  collHostSetProfilePath(nullptr);
+  std::remove(path_.c_str());
+  std::remove((path_ + ".lock").c_str());
+  if (!dir_.empty()) rmdir(dir_.c_str());
 }
 
 }  // namespace testutil

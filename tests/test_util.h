@@ -21,6 +21,22 @@ uint32_t Pages(HCOLL h);
 // cache entries pointing at tags. Empty when consistent, else what is wrong.
 std::string CheckImage(HCOLL h);
 
+// A fresh temporary directory whose COLL.INI the library uses until
+// destruction, when the directory and the files the library made go again.
+class TempIni {
+ public:
+  TempIni();
+  ~TempIni();
+  TempIni(const TempIni &) = delete;
+  TempIni &operator=(const TempIni &) = delete;
+  const std::string &dir() const { return dir_; }
+  const std::string &path() const { return path_; }
+
+ private:
+  std::string dir_;
+  std::string path_;
+};
+
 }  // namespace testutil
 
 #endif

@@ -82,11 +82,8 @@ uint32_t BuildStringResult(const uint8_t *block, char *buf, uint32_t size, uint3
 }
 
 uint32_t SetNumeric(uint32_t hColl, const char *tag, int32_t value) {
-  uint8_t bytes[4];
-  wr32(bytes, static_cast<uint32_t>(value));
-  uint8_t *block = BuildItem(COLLTYPE_NUMERIC, bytes, 4);
-  if (!block) return 0;
-  return SetItem(hColl, tag, block, 1) ? 1 : 0;
+  SmallBlock block(COLLTYPE_NUMERIC, static_cast<uint32_t>(value));
+  return SetItemEx(hColl, tag, collstrlen(tag, 0xFFFFFFFFu), block.bytes, 1, 0) ? 1 : 0;
 }
 
 }  // namespace coll

@@ -9,12 +9,9 @@ using namespace coll;
 
 COLL_API(uint32_t) collSetTime(uint32_t hColl, const char *tag, uint32_t time) {
   if (isBadPtr(tag, 0, 1) || hColl == CatalogHandle() || isBadCollHandle(hColl)) return 0;
-  uint8_t bytes[4];
-  wr32(bytes, time);
-  uint8_t *block = BuildItem(COLLTYPE_TIME, bytes, 4);
-  if (!block) return 0;
+  SmallBlock block(COLLTYPE_TIME, time);
   LockGuard lock;
-  return SetItem(hColl, tag, block, 1) ? 1 : 0;
+  return SetItemEx(hColl, tag, collstrlen(tag, 0xFFFFFFFFu), block.bytes, 1, 0) ? 1 : 0;
 }
 
 COLL_API(uint32_t) collGetTime(uint32_t hColl, const char *tag, uint32_t *time) {

@@ -166,17 +166,122 @@ void HeapFree(void *block) {
 }
 
 // ---------------------------------------------------------------- windows
+// The host's windows (coll_host.h) are message-only windows of one class,
+// listed here with their CollWindowProc while they exist. Their procedure
+// runs in the thread that sends to them, as the contract says: the thread
+// that made the window need not be pumping messages. Any other window gets
+// a real SendMessageA.
+
+namespace {
+const char kHostClass[] = "CollHostWindow";
+
+struct HostWindow {
+  HWND hwnd;
+  CollWindowProc proc;
+  void *context;
+};
+SRWLOCK g_hostLock = SRWLOCK_INIT;
+HostWindow *g_hosts = nullptr;  // process heap
+uint32_t g_hostCount = 0;
+uint32_t g_hostCapacity = 0;
+
+// The procedure and context of a listed host window; false when it is not one.
+bool FindHost(HWND hwnd, CollWindowProc *proc, void **context) {
+  ::AcquireSRWLockShared(&g_hostLock);
+  bool found = false;
+  for (uint32_t i = 0; i < g_hostCount && !found; ++i) {
+    if (g_hosts[i].hwnd != hwnd) continue;
+    *proc = g_hosts[i].proc;
+    *context = g_hosts[i].context;
+    found = true;
+  }
+  ::ReleaseSRWLockShared(&g_hostLock);
+  return found;
+}
+
+bool AddHost(HWND hwnd, CollWindowProc proc, void *context) {
+  ::AcquireSRWLockExclusive(&g_hostLock);
+  bool ok = true;
+  if (g_hostCount == g_hostCapacity) {
+    uint32_t cap = g_hostCapacity ? g_hostCapacity * 2 : 16;
+    void *p = g_hosts ? ::HeapReAlloc(::GetProcessHeap(), 0, g_hosts, cap * sizeof(HostWindow))
+                      : ::HeapAlloc(::GetProcessHeap(), 0, cap * sizeof(HostWindow));
+    if (p) {
+      g_hosts = static_cast<HostWindow *>(p);
+      g_hostCapacity = cap;
+    } else {
+      ok = false;
+    }
+  }
+  if (ok) g_hosts[g_hostCount++] = HostWindow{hwnd, proc, context};
+  ::ReleaseSRWLockExclusive(&g_hostLock);
+  return ok;
+}
+
+bool RemoveHost(HWND hwnd) {
+  ::AcquireSRWLockExclusive(&g_hostLock);
+  bool found = false;
+  for (uint32_t i = 0; i < g_hostCount && !found; ++i) {
+    if (g_hosts[i].hwnd != hwnd) continue;
+    g_hosts[i] = g_hosts[--g_hostCount];
+    found = true;
+  }
+  ::ReleaseSRWLockExclusive(&g_hostLock);
+  return found;
+}
+
+// Messages that the system sends while the window is made or destroyed reach
+// the default procedure only.
+LRESULT CALLBACK HostWindowProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
+  CollWindowProc proc;
+  void *context;
+  if (FindHost(hwnd, &proc, &context)) return proc(FromHwnd(hwnd), message, wParam, lParam, context);
+  return ::DefWindowProcA(hwnd, message, wParam, lParam);
+}
+
+bool RegisterHostClass(HINSTANCE instance) {
+  WNDCLASSEXA wc;
+  std::memset(&wc, 0, sizeof wc);
+  wc.cbSize = sizeof wc;
+  wc.lpfnWndProc = HostWindowProc;
+  wc.hInstance = instance;
+  wc.lpszClassName = kHostClass;
+  return ::RegisterClassExA(&wc) != 0 || ::GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
+}
+}  // namespace
 
 uint32_t RegisterWindowMessage(const char *name) {
   if (name == nullptr || name[0] == 0) return 0;
   return ::RegisterWindowMessageA(name);
 }
 
-bool IsWindow(uint32_t window) { return window != 0 && ::IsWindow(ToHwnd(window)); }
+namespace {
+// A window of the host class that is no longer listed is being destroyed by
+// its own thread: it counts as gone.
+bool IsUnlistedHost(HWND hwnd) {
+  char name[sizeof kHostClass + 1];
+  int n = ::GetClassNameA(hwnd, name, sizeof name);
+  return n == int(sizeof kHostClass - 1) && std::memcmp(name, kHostClass, n) == 0;
+}
+}  // namespace
+
+bool IsWindow(uint32_t window) {
+  if (window == 0) return false;
+  HWND hwnd = ToHwnd(window);
+  CollWindowProc proc;
+  void *context;
+  if (FindHost(hwnd, &proc, &context)) return true;
+  return ::IsWindow(hwnd) && !IsUnlistedHost(hwnd);
+}
 
 intptr_t SendMessage(uint32_t window, uint32_t message, uintptr_t wParam, intptr_t lParam) {
   if (window == 0) return 0;
-  return ::SendMessageA(ToHwnd(window), message, wParam, lParam);
+  HWND hwnd = ToHwnd(window);
+  CollWindowProc proc;
+  void *context;
+  if (FindHost(hwnd, &proc, &context)) return proc(window, message, wParam, lParam, context);
+  if (IsUnlistedHost(hwnd)) return 0;
+  return ::SendMessageA(hwnd, message, wParam, lParam);
 }
 
 // ---------------------------------------------------------------- clipboard
@@ -254,9 +359,12 @@ uint32_t GetActiveWindow() {
   return FromHwnd(::GetActiveWindow());
 }
 
+// A value that names no window (the host's stand-in active window) opens the
+// clipboard without an owner.
 bool OpenClipboard(uint32_t window) {
   if (!TakeClipOpen()) return false;
-  if (::OpenClipboard(ToHwnd(window))) return true;
+  HWND owner = window && ::IsWindow(ToHwnd(window)) ? ToHwnd(window) : nullptr;
+  if (::OpenClipboard(owner)) return true;
   DropClipOpen();
   return false;
 }
@@ -299,27 +407,111 @@ class ProfilePath {
   ProfilePath &operator=(const ProfilePath &) = delete;
   const char *get() const { return g_profilePath ? g_profilePath : "COLL.INI"; }
 };
+
+
+// The keys as the system lists them, in a heap buffer large enough for the
+// whole list; *length is the bytes before the final zero. Null without memory.
+char *AllKeys(const char *section, const char *path, uint32_t *length) {
+  for (DWORD cap = 1024; cap <= 0x40000000u; cap *= 2) {
+    char *list = static_cast<char *>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, cap));
+    if (!list) return nullptr;
+    DWORD n = ::GetPrivateProfileStringA(section, nullptr, "", list, cap, path);
+    if (n + 2 < cap) {  // not cut
+      *length = n;
+      return list;
+    }
+    ::HeapFree(::GetProcessHeap(), 0, list);
+  }
+  return nullptr;
+}
+
+bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; }
+
+// The name without the blanks around it: what the file holds of it.
+void Trimmed(const char *s, const char **p, size_t *n) {
+  size_t a = 0, b = std::strlen(s);
+  while (a < b && IsBlank(s[a])) ++a;
+  while (b > a && IsBlank(s[b - 1])) --b;
+  *p = s + a;
+  *n = b - a;
+}
+
+// A section or key name that a line of the file can hold: not empty, no
+// line break, and a key does not start with '['.
+bool FitsALine(const char *name, bool isKey) {
+  const char *p;
+  size_t n;
+  Trimmed(name, &p, &n);
+  if (n == 0 || std::memchr(p, '\n', n) || std::memchr(p, '\r', n)) return false;
+  return !(isKey && p[0] == '[');
+}
 }  // namespace
 
+// Only whole names, each with its zero, and a final zero.
 uint32_t ProfileListKeys(const char *section, char *buffer, uint32_t size) {
-  if (size == 0) return 0;
-  ProfilePath path;
-  return ::GetPrivateProfileStringA(section, nullptr, "", buffer, size, path.get());
+  if (!buffer || size == 0) return 0;
+  buffer[0] = 0;
+  if (!section) return 0;
+  uint32_t length = 0;
+  char *list;
+  {
+    ProfilePath path;
+    list = AllKeys(section, path.get(), &length);
+  }
+  if (!list) return 0;
+  uint32_t used = 0;
+  for (uint32_t pos = 0; pos < length;) {
+    uint32_t n = static_cast<uint32_t>(strnlen(list + pos, length - pos));
+    if (n + 2 > size - used) break;
+    std::memcpy(buffer + used, list + pos, n);
+    used += n;
+    buffer[used++] = 0;
+    pos += n + 1;
+  }
+  buffer[used] = 0;
+  ::HeapFree(::GetProcessHeap(), 0, list);
+  return used;
 }
 
 uint32_t ProfileReadString(const char *section, const char *key, const char *def, char *buffer,
                            uint32_t size) {
-  if (size == 0) return 0;
+  if (!buffer || size == 0) return 0;
+  if (!section || !key) {  // a default only
+    const char *value = def ? def : "";
+    size_t n = std::strlen(value);
+    if (n > size - 1) n = size - 1;
+    std::memcpy(buffer, value, n);
+    buffer[n] = 0;
+    return static_cast<uint32_t>(n);
+  }
   ProfilePath path;
   return ::GetPrivateProfileStringA(section, key, def ? def : "", buffer, size, path.get());
 }
 
+// A value is cut before its first line break.
 bool ProfileWriteString(const char *section, const char *key, const char *value) {
-  ProfilePath path;
-  return ::WritePrivateProfileStringA(section, key, value, path.get()) != 0;
+  if (!section || !key || !value) return false;
+  if (!FitsALine(section, false) || !FitsALine(key, true)) return false;
+  size_t n = std::strcspn(value, "\r\n");
+  char *line = nullptr;
+  if (value[n]) {
+    line = static_cast<char *>(::HeapAlloc(::GetProcessHeap(), 0, n + 1));
+    if (!line) return false;
+    std::memcpy(line, value, n);
+    line[n] = 0;
+    value = line;
+  }
+  bool ok;
+  {
+    ProfilePath path;
+    ok = ::WritePrivateProfileStringA(section, key, value, path.get()) != 0;
+  }
+  if (line) ::HeapFree(::GetProcessHeap(), 0, line);
+  return ok;
 }
 
 bool ProfileDeleteSection(const char *section) {
+  if (!section) return false;
   ProfilePath path;
   ::WritePrivateProfileStringA(section, nullptr, nullptr, path.get());
   return true;  // also when the section or the file was absent
@@ -335,72 +527,29 @@ bool ProfileFlush() {
 }  // namespace platform
 
 // ---------------------------------------------------------------- host side
-// Host windows are message-only windows of one class; each carries its
-// CollWindowProc and context. Messages sent while the window is being made
-// or destroyed go to the default procedure: the host's procedure sees what
-// is sent to the window during its life.
-
-namespace {
-const char kHostClass[] = "CollHostWindow";
-
-struct HostWindow {
-  CollWindowProc proc;
-  void *context;
-  bool live;  // between creation and destruction
-};
-
-LRESULT CALLBACK HostWindowProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lParam) {
-  if (message == WM_NCCREATE) {
-    auto *cs = reinterpret_cast<CREATESTRUCTA *>(lParam);
-    ::SetWindowLongPtrA(hwnd, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(cs->lpCreateParams));
-  }
-  auto *w = reinterpret_cast<HostWindow *>(::GetWindowLongPtrA(hwnd, GWLP_USERDATA));
-  if (message == WM_NCDESTROY && w) {
-    ::SetWindowLongPtrA(hwnd, GWLP_USERDATA, 0);
-    ::HeapFree(::GetProcessHeap(), 0, w);
-    w = nullptr;
-  }
-  if (w && w->live) return w->proc(platform::FromHwnd(hwnd), message, wParam, lParam, w->context);
-  return ::DefWindowProcA(hwnd, message, wParam, lParam);
-}
-
-bool RegisterHostClass(HINSTANCE instance) {
-  WNDCLASSEXA wc;
-  std::memset(&wc, 0, sizeof wc);
-  wc.cbSize = sizeof wc;
-  wc.lpfnWndProc = HostWindowProc;
-  wc.hInstance = instance;
-  wc.lpszClassName = kHostClass;
-  return ::RegisterClassExA(&wc) != 0 || ::GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
-}
-}  // namespace
 
 COLL_EXPORT uint32_t COLLAPI collHostCreateWindow(CollWindowProc proc, void *context) {
+  using namespace platform;
   if (!proc) return 0;
-  HINSTANCE instance = platform::ThisModule();
+  HINSTANCE instance = ThisModule();
   if (!RegisterHostClass(instance)) return 0;
-  auto *w = static_cast<HostWindow *>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(HostWindow)));
-  if (!w) return 0;
-  w->proc = proc;
-  w->context = context;
-  HWND hwnd = ::CreateWindowExA(0, kHostClass, "", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, instance, w);
-  if (!hwnd) {
-    ::HeapFree(::GetProcessHeap(), 0, w);  // no WM_NCDESTROY without a window
+  HWND hwnd = ::CreateWindowExA(0, kHostClass, "", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, instance, nullptr);
+  if (!hwnd) return 0;
+  if (!AddHost(hwnd, proc, context)) {
+    ::DestroyWindow(hwnd);
     return 0;
   }
-  w->live = true;
-  return platform::FromHwnd(hwnd);
+  return FromHwnd(hwnd);
 }
 
+// From another thread than the one that made it, the window stops receiving
+// at once and is destroyed by its own thread when that handles WM_CLOSE.
 COLL_EXPORT uint32_t COLLAPI collHostDestroyWindow(uint32_t window) {
-  if (window == 0) return 0;
-  HWND hwnd = platform::ToHwnd(window);
-  if (!::IsWindow(hwnd)) return 0;
-  auto *w = reinterpret_cast<HostWindow *>(::GetWindowLongPtrA(hwnd, GWLP_USERDATA));
-  if (w) w->live = false;
-  if (::DestroyWindow(hwnd)) return 1;
-  if (w) w->live = true;  // another thread's window: it stays
-  return 0;
+  using namespace platform;
+  HWND hwnd = ToHwnd(window);
+  if (window == 0 || !RemoveHost(hwnd)) return 0;
+  if (!::DestroyWindow(hwnd)) ::PostMessageA(hwnd, WM_CLOSE, 0, 0);
+  return 1;
 }
 
 COLL_EXPORT uint32_t COLLAPI collHostRegisterMessage(const char *name) { return platform::RegisterWindowMessage(name); }

@@ -510,10 +510,46 @@ bool ProfileWriteString(const char *section, const char *key, const char *value)
   return ok;
 }
 
+namespace {
+// Names compare without regard to the case of A-Z only.
+bool SameNameN(const char *a, const char *b, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    char x = (a[i] >= 'A' && a[i] <= 'Z') ? char(a[i] + 32) : a[i];
+    char y = (b[i] >= 'A' && b[i] <= 'Z') ? char(b[i] + 32) : b[i];
+    if (x != y) return false;
+  }
+  return true;
+}
+
+// Whether the file has a section of that name.
+bool HasSection(const char *section, const char *path) {
+  const char *name;
+  size_t n;
+  Trimmed(section, &name, &n);
+  for (DWORD cap = 4096; cap <= 0x40000000u; cap *= 2) {
+    char *list = static_cast<char *>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, cap));
+    if (!list) return false;
+    DWORD used = ::GetPrivateProfileSectionNamesA(list, cap, path);
+    bool found = false;
+    if (used + 2 < cap) {
+      for (const char *p = list; *p && !found; p += std::strlen(p) + 1)
+        found = std::strlen(p) == n && SameNameN(p, name, n);
+      ::HeapFree(::GetProcessHeap(), 0, list);
+      return found;
+    }
+    ::HeapFree(::GetProcessHeap(), 0, list);
+  }
+  return false;
+}
+}  // namespace
+
+// Every section of that name goes: the system removes the first one a call
+// finds.
 bool ProfileDeleteSection(const char *section) {
   if (!section) return false;
   ProfilePath path;
-  ::WritePrivateProfileStringA(section, nullptr, nullptr, path.get());
+  for (int i = 0; i < 1000 && HasSection(section, path.get()); ++i)
+    if (!::WritePrivateProfileStringA(section, nullptr, nullptr, path.get())) return false;
   return true;  // also when the section or the file was absent
 }
 

@@ -333,9 +333,9 @@ int TableExport(const std::string &path, const std::string &tag, const std::stri
 
 int Run(int argc, char **argv) {
   CLI::App app{"collctl - shows, checks and builds libcoll dumps; shows the profile file; moves tables between dumps "
-               "and tab-separated text."};
+               "and tab-separated text.",
+               "collctl"};
   app.require_subcommand(1);
-  app.set_help_all_flag("--help-all", "Print the help of every command");
 
   std::string file, out, section, iniFile, tag, layout = "names-and-rows";
   bool json = false, hex = false, raw = false;
@@ -383,8 +383,6 @@ int Run(int argc, char **argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp &e) {
-    return app.exit(e);
-  } catch (const CLI::CallForAllHelp &e) {
     return app.exit(e);
   } catch (const CLI::ParseError &e) {
     std::cerr << "collctl: " << e.what() << "\n"

@@ -175,17 +175,22 @@ class Collctl : public ::testing::Test {
     return r;
   }
 
+  // The output of "show" on an image that must be shown without complaint.
+  std::string Shown(const std::string &image) const {
+    Write("shown.dump", image);
+    const Result r = Tool("show shown.dump");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    return r.out;
+  }
+
   fs::path dir_;
 };
 
 std::string SampleImage() { return ReadAll(fs::path(COLL_SOURCE_DIR) / "examples" / "sample.dump"); }
 
 TEST_F(Collctl, ShowsTheSampleDump) {
-  Write("sample.dump", SampleImage());
-  const Result r = Tool("show sample.dump");
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.err, "");
-  EXPECT_EQ(r.out,
+  EXPECT_EQ(Shown(SampleImage()),
             "dump of 393 bytes, checksum 0x582F, 8 items\n"
             "Customer  string   \"Harbour Supplies Ltd.\"\n"
             "Note      string   \"Deliver to gate 3\\nbefore noon\"\n"
@@ -217,11 +222,7 @@ TEST_F(Collctl, SampleGeneratorWritesTheShippedSample) {
 }
 
 TEST_F(Collctl, ShowsEveryItemType) {
-  Write("all.dump", AllTypesImage());
-  const Result r = Tool("show all.dump");
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.err, "");
-  EXPECT_EQ(r.out,
+  EXPECT_EQ(Shown(AllTypesImage()),
             "dump of 501 bytes, checksum 0x6483, 14 items\n"
             "Text     string   \"tab\\there \\\"q\\\" back\\\\slash\\nend\"\n"
             "Latin1   string   \"caf\\xE9\"\n"

@@ -96,12 +96,13 @@ void Grid(const Table &t, const std::string &indent, std::string *out) {
 
 void Tree(const std::vector<Item> &items, size_t depth, LocalTimes &local, std::string *out) {
   const std::string indent(2 * depth, ' ');
+  const std::string inner = indent + "  ";
   size_t tagWidth = 0;
   for (const Item &item : items) tagWidth = std::max(tagWidth, std::min(kTagColumn, DisplayWidth(TagText(item.tag))));
   for (const Item &item : items) {
     std::string line = indent + Pad(TagText(item.tag), tagWidth) + "  " + Pad(TypeName(item.type), kTypeColumn) + "  ";
-    std::string below;
-    const std::string inner = indent + "  ";
+    const Table &t = item.table;
+    bool hexBelow = false;
     switch (item.type) {
       case kTypeString:
       case kTypeText7:
@@ -115,33 +116,34 @@ void Tree(const std::vector<Item> &items, size_t depth, LocalTimes &local, std::
         break;
       case kTypeItem:
         line += Count(item.data.size(), "byte", "bytes");
-        if (!item.data.empty() && item.data.size() <= kInlineBytes)
-          line += "  " + SpacedHex(item.data) + "  |" + Preview(item.data) + "|";
-        else
-          HexLines(item.data, inner, &below);
+        hexBelow = item.data.size() > kInlineBytes;
+        if (!item.data.empty() && !hexBelow) line += "  " + SpacedHex(item.data) + "  |" + Preview(item.data) + "|";
         break;
       case kTypeColl:
         line += Count(item.items.size(), "item", "items");
-        Tree(item.items, depth + 1, local, &below);
         break;
-      case kTypeTable: {
-        const Table &t = item.table;
-        if (t.regular) {
+      case kTypeTable:
+        if (t.regular)
           line += Format("%u rows x %u cols, type %u, ", t.rows, t.cols, t.type) + SelectionText(t);
-          Grid(t, inner, &below);
-        } else {
+        else
           line += Format("irregular: magic 0x%04X, %u rows x %u cols, type %u, ", t.magic, t.rows, t.cols, t.type) +
                   SelectionText(t) + ", " + Count(t.data.size(), "data byte", "data bytes");
-          HexLines(t.data, inner, &below);
-        }
         if (!t.unloadable.empty()) line += "  (a load skips it: " + t.unloadable + ")";
         break;
-      }
       default:
         break;
     }
     if (item.tranFlag) line += Format("  [tranFlag %u]", item.tranFlag);
-    *out += line + "\n" + below;
+    *out += line + "\n";
+    // What the item holds, below its line.
+    if (hexBelow) HexLines(item.data, inner, out);
+    if (item.type == kTypeColl) Tree(item.items, depth + 1, local, out);
+    if (item.type == kTypeTable) {
+      if (t.regular)
+        Grid(t, inner, out);
+      else
+        HexLines(t.data, inner, out);
+    }
   }
 }
 

@@ -683,4 +683,27 @@ TEST(CollctlReader, KeepsIrregularTablesAndOddHeadsThroughJson) {
   collClose(h);
 }
 
+TEST(CollctlReader, NestsAsDeepAsAnImageHolds) {
+  // Each level takes 25 bytes (a one-byte tag): 2620 levels and a number
+  // take 65521 of the 65535 bytes.
+  const int depth = 2620;
+  std::string doc = R"({"items":[)";
+  for (int i = 0; i < depth; ++i) doc += R"({"tag":"c","type":"coll","items":[)";
+  doc += R"({"tag":"x","type":"numeric","value":7})";
+  for (int i = 0; i < depth; ++i) doc += "]}";
+  doc += "]}";
+  const std::string image = collctl::WriteImage(collctl::FromJson(collctl::Json::parse(doc)));
+  EXPECT_EQ(image.size(), 65521u);
+  ASSERT_TRUE(LibraryLoads(image));
+  collctl::Dump d;
+  ASSERT_FALSE(collctl::ReadImage(image, &d, nullptr));
+  EXPECT_EQ(ThroughJson(image), image);
+  const std::string tree = collctl::RenderTree(d.items);
+  EXPECT_EQ(tree.substr(tree.size() - 14), "x  numeric  7\n");
+  // One level more does not fit.
+  doc.insert(doc.find('[') + 1, R"({"tag":"c","type":"coll","items":[)");
+  doc.insert(doc.size() - 2, "]}");
+  EXPECT_THROW(collctl::WriteImage(collctl::FromJson(collctl::Json::parse(doc))), std::runtime_error);
+}
+
 }  // namespace

@@ -226,7 +226,17 @@ TEST(CppTable, RowsFieldsAndSearches) {
   EXPECT_EQ(t.Get(0, 0), "apple");
 }
 
+void LoadAndPaste();
+
 TEST(CppTable, LoadsFromADumpAndTheClipboard) {
+  const uint32_t before = LiveTables();
+  {
+    LoadAndPaste();
+  }
+  EXPECT_EQ(LiveTables(), before);
+}
+
+void LoadAndPaste() {
   Table t = Table::Create(2);
   ASSERT_TRUE(t.SetRow(ROW_NAMES, {"A", "B"}));
   ASSERT_TRUE(t.SetRow(ROW_APPEND, {"1", "2"}));

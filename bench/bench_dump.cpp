@@ -73,10 +73,10 @@ void MemcpyBench(benchmark::State &state, uint32_t h) {
 
 void BM_Coll_DumpMixed(benchmark::State &state) { DumpBench(state, MakeMixed()); }
 void BM_Coll_LoadMixed(benchmark::State &state) { LoadBench(state, MakeMixed()); }
-void BM_Memcpy_Mixed(benchmark::State &state) { MemcpyBench(state, MakeMixed()); }
+void BM_Memcpy_DumpMixed(benchmark::State &state) { MemcpyBench(state, MakeMixed()); }
 void BM_Coll_DumpTable(benchmark::State &state) { DumpBench(state, MakeWithTable()); }
 void BM_Coll_LoadTable(benchmark::State &state) { LoadBench(state, MakeWithTable()); }
-void BM_Memcpy_Table(benchmark::State &state) { MemcpyBench(state, MakeWithTable()); }
+void BM_Memcpy_DumpTable(benchmark::State &state) { MemcpyBench(state, MakeWithTable()); }
 
 // The same items as an SQLite database.
 void FillMixed(bench::Db &db, int count) {
@@ -127,22 +127,22 @@ int MixedCount() {
   collClose(h);
   return n;
 }
-void BM_Sqlite_SerializeMixed(benchmark::State &state) {
+void BM_Sqlite_DumpMixed(benchmark::State &state) {
   bench::Db db;
   FillMixed(db, MixedCount());
   SerializeBench(state, db, false);
 }
-void BM_Sqlite_DeserializeMixed(benchmark::State &state) {
+void BM_Sqlite_LoadMixed(benchmark::State &state) {
   bench::Db db;
   FillMixed(db, MixedCount());
   SerializeBench(state, db, true);
 }
-void BM_Sqlite_SerializeTable(benchmark::State &state) {
+void BM_Sqlite_DumpTable(benchmark::State &state) {
   bench::Db db;
   FillTable(db);
   SerializeBench(state, db, false);
 }
-void BM_Sqlite_DeserializeTable(benchmark::State &state) {
+void BM_Sqlite_LoadTable(benchmark::State &state) {
   bench::Db db;
   FillTable(db);
   SerializeBench(state, db, true);
@@ -150,13 +150,13 @@ void BM_Sqlite_DeserializeTable(benchmark::State &state) {
 
 BENCHMARK(BM_Coll_DumpMixed);
 BENCHMARK(BM_Coll_LoadMixed);
-BENCHMARK(BM_Memcpy_Mixed);
-BENCHMARK(BM_Sqlite_SerializeMixed);
-BENCHMARK(BM_Sqlite_DeserializeMixed);
+BENCHMARK(BM_Memcpy_DumpMixed);
+BENCHMARK(BM_Sqlite_DumpMixed);
+BENCHMARK(BM_Sqlite_LoadMixed);
 BENCHMARK(BM_Coll_DumpTable);
 BENCHMARK(BM_Coll_LoadTable);
-BENCHMARK(BM_Memcpy_Table);
-BENCHMARK(BM_Sqlite_SerializeTable);
-BENCHMARK(BM_Sqlite_DeserializeTable);
+BENCHMARK(BM_Memcpy_DumpTable);
+BENCHMARK(BM_Sqlite_DumpTable);
+BENCHMARK(BM_Sqlite_LoadTable);
 
 }  // namespace

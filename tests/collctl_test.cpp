@@ -120,7 +120,10 @@ std::string AllTypesImage() {
 }
 
 // The worked example: text item 'ab' = 'xy'.
-const std::string kAbXy("\x00\x14\xCE\x00\x01\xCC\x00\x02" "ab\x00\x08\x00\x06\x00\x00\x00\x08xy", 20);
+const std::string kAbXy(
+    "\x00\x14\xCE\x00\x01\xCC\x00\x02"
+    "ab\x00\x08\x00\x06\x00\x00\x00\x08xy",
+    20);
 
 bool LibraryLoads(const std::string &image) {
   HCOLL h = collOpen(nullptr);
@@ -165,8 +168,8 @@ class Collctl : public ::testing::Test {
   // input on its standard input, TZ=UTC.
   Result Tool(const std::string &args, const std::string &input = std::string(), const std::string &env = "") const {
     WriteAll(dir_ / ".in", input);
-    const std::string cmd = "cd " + Quoted(dir_.string()) + " && TZ=UTC " + env + " " + Quoted(COLLCTL_PATH) + " " + args +
-                            " <.in >.out 2>.err; echo $? >.rc";
+    const std::string cmd = "cd " + Quoted(dir_.string()) + " && TZ=UTC " + env + " " + Quoted(COLLCTL_PATH) + " " +
+                            args + " <.in >.out 2>.err; echo $? >.rc";
     Result r;
     if (std::system(cmd.c_str()) != 0) return r;
     r.status = std::stoi(Read(".rc"));
@@ -400,7 +403,8 @@ TEST_F(Collctl, ChecksDamagedDumps) {
     std::string message;
   };
   std::vector<Case> cases;
-  cases.push_back({"short", kAbXy.substr(0, 5), "offset 0: the image has 5 bytes; a dump has at least its 6-byte header"});
+  cases.push_back(
+      {"short", kAbXy.substr(0, 5), "offset 0: the image has 5 bytes; a dump has at least its 6-byte header"});
   std::string longer = kAbXy + "z";
   cases.push_back({"longer", longer, "offset 0: the header gives a total length of 20 bytes, but the image has 21"});
   std::string mark = kAbXy;
@@ -412,13 +416,15 @@ TEST_F(Collctl, ChecksDamagedDumps) {
   std::string tag = kAbXy;  // tag length 3 leaves no room for the block head
   tag[7] = 9;
   FixChecksum(&tag);
-  cases.push_back({"tag", tag, "offset 6: a record with a tag of 9 bytes needs at least 19 bytes, but only 14 remain "
-                               "in the image"});
+  cases.push_back({"tag", tag,
+                   "offset 6: a record with a tag of 9 bytes needs at least 19 bytes, but only 14 remain "
+                   "in the image"});
   std::string value = kAbXy;
   value[11] = 9;
   FixChecksum(&value);
-  cases.push_back({"value", value, "offset 10: the value length 9 of 'ab' differs from the length 8 in its block head "
-                                   "(offset 16)"});
+  cases.push_back({"value", value,
+                   "offset 10: the value length 9 of 'ab' differs from the length 8 in its block head "
+                   "(offset 16)"});
   std::string type = kAbXy;
   type[13] = 9;
   FixChecksum(&type);
@@ -430,7 +436,8 @@ TEST_F(Collctl, ChecksDamagedDumps) {
   std::string tail = kAbXy + "\x01";
   SetTotal(&tail);
   FixChecksum(&tail);
-  cases.push_back({"tail", tail, "offset 20: expected a record (at least 10 bytes), but only 1 byte remains in the image"});
+  cases.push_back(
+      {"tail", tail, "offset 20: expected a record (at least 10 bytes), but only 1 byte remains in the image"});
 
   // A nested collection whose list is one byte short of its block.
   HCOLL h = collOpen(nullptr), inner = collOpen(nullptr);
@@ -444,19 +451,21 @@ TEST_F(Collctl, ChecksDamagedDumps) {
   collClose(h);
   std::string gap = nested;
   const size_t in = Find(gap, std::string("\x00\x02in", 4));
-  gap[in + 5] = char(gap[in + 5] + 1);  // value length
+  gap[in + 5] = char(gap[in + 5] + 1);    // value length
   gap[in + 11] = char(gap[in + 11] + 1);  // block length
   gap.insert(in + 6 + 32, 1, '\x00');
   SetTotal(&gap);
   FixChecksum(&gap);
-  cases.push_back({"gap", gap, "offset 44: expected a record (at least 10 bytes), but only 1 byte remains in nested "
-                               "collection 'in' (ending at offset 45)"});
+  cases.push_back({"gap", gap,
+                   "offset 44: expected a record (at least 10 bytes), but only 1 byte remains in nested "
+                   "collection 'in' (ending at offset 45)"});
   std::string stored = nested;
   const size_t tb = Find(stored, std::string("\x00\x02tb", 4));
   stored[tb + 15] = char(stored[tb + 15] + 1);
   FixChecksum(&stored);
-  cases.push_back({"stored", stored, "offset 58: the stored length 19 of table 'tb' differs from its block length "
-                                     "less the block head, 18"});
+  cases.push_back({"stored", stored,
+                   "offset 58: the stored length 19 of table 'tb' differs from its block length "
+                   "less the block head, 18"});
 
   for (const Case &c : cases) {
     SCOPED_TRACE(c.name);
@@ -531,7 +540,7 @@ TEST_F(Collctl, ListsAndShowsTheProfileFile) {
         "[orders]\nlater=1\n[Empty]\n");
   Result r = Tool("ini --file COLL.INI");
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out, "[Orders]  2 keys\n[_General]  1 key\n[Empty]  0 keys\n");
+  EXPECT_EQ(r.out, "[Orders]  2 keys\n[_General]  1 key\n[Empty]  no keys\n");
   r = Tool("ini --file COLL.INI --json");
   EXPECT_EQ(collctl::Json::parse(r.out).dump(),
             R"([{"name":"Orders","keys":2},{"name":"_General","keys":1},{"name":"Empty","keys":0}])");
@@ -589,7 +598,8 @@ TEST_F(Collctl, TablesBetweenTextAndDumps) {
   EXPECT_EQ(r.err, "collctl: t.dump: nothing to export from 'Fruit' in layout selected-row: no row is selected\n");
 
   Write("sample.dump", SampleImage());
-  EXPECT_EQ(Tool("table export sample.dump Lines --layout names-and-selected-row").out, "Item\tQty\tPrice\nShackle\t12\t3.20\n");
+  EXPECT_EQ(Tool("table export sample.dump Lines --layout names-and-selected-row").out,
+            "Item\tQty\tPrice\nShackle\t12\t3.20\n");
   r = Tool("table export sample.dump Number");
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "collctl: sample.dump: item 'Number' is of type numeric, not a table\n");

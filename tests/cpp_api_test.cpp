@@ -230,9 +230,7 @@ void LoadAndPaste();
 
 TEST(CppTable, LoadsFromADumpAndTheClipboard) {
   const uint32_t before = LiveTables();
-  {
-    LoadAndPaste();
-  }
+  { LoadAndPaste(); }
   EXPECT_EQ(LiveTables(), before);
 }
 

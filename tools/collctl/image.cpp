@@ -16,9 +16,7 @@ constexpr uint32_t kBlockHead = 6;
 constexpr uint32_t kTableBlock = kBlockHead + 12;
 constexpr uint32_t kCollBlock = kBlockHead + 14;
 
-uint32_t Be16(const Bytes &b, uint32_t at) {
-  return uint32_t(uint8_t(b[at])) << 8 | uint8_t(b[at + 1]);
-}
+uint32_t Be16(const Bytes &b, uint32_t at) { return uint32_t(uint8_t(b[at])) << 8 | uint8_t(b[at + 1]); }
 uint32_t Be32(const Bytes &b, uint32_t at) { return Be16(b, at) << 16 | Be16(b, at + 2); }
 void Put16(Bytes *b, uint32_t v) {
   b->push_back(char(v >> 8 & 0xFF));
@@ -58,8 +56,8 @@ struct ListReader {
                                   Where(path, end).c_str())};
       const uint32_t n = Be16(image, pos);
       if (remaining - 2 < n + 2 + kBlockHead)
-        return Damage{pos, Format("a record with a tag of %u bytes needs at least %u bytes, but only %u remain in %s", n,
-                                  n + 4 + kBlockHead, remaining, Where(path, end).c_str())};
+        return Damage{pos, Format("a record with a tag of %u bytes needs at least %u bytes, but only %u remain in %s",
+                                  n, n + 4 + kBlockHead, remaining, Where(path, end).c_str())};
       Item item;
       item.offset = pos;
       item.tag = image.substr(pos + 2, n);
@@ -75,7 +73,8 @@ struct ListReader {
                                        "(offset %u)",
                                        valueLength, tagText.c_str(), L, blk + 4)};
       if (L < kBlockHead)
-        return Damage{blk + 4, Format("the block of '%s' claims %u bytes, less than its own 6-byte head", tagText.c_str(), L)};
+        return Damage{blk + 4,
+                      Format("the block of '%s' claims %u bytes, less than its own 6-byte head", tagText.c_str(), L)};
       if (L > end - blk)
         return Damage{blk + 4, Format("the block of '%s' claims %u bytes, but only %u remain in %s", tagText.c_str(), L,
                                       end - blk, Where(path, end).c_str())};
@@ -118,10 +117,10 @@ struct ListReader {
                                           "head and collection head)",
                                           tagText.c_str(), L)};
           const uint32_t h = blk + kBlockHead;
-          item.head = CollHead{uint16_t(Be16(image, h)),      uint16_t(Be16(image, h + 2)),
-                               uint16_t(Be16(image, h + 4)),  uint16_t(Be16(image, h + 6)),
-                               uint16_t(Be16(image, h + 8)),  uint16_t(Be16(image, h + 10)),
-                               uint16_t(Be16(image, h + 12))};
+          item.head =
+              CollHead{uint16_t(Be16(image, h)),     uint16_t(Be16(image, h + 2)), uint16_t(Be16(image, h + 4)),
+                       uint16_t(Be16(image, h + 6)), uint16_t(Be16(image, h + 8)), uint16_t(Be16(image, h + 10)),
+                       uint16_t(Be16(image, h + 12))};
           const std::string inner = path.empty() ? item.tag : path + "/" + item.tag;
           if (auto damage = Read(blk + kCollBlock, blk + L, inner, &item.items)) return damage;
           break;
@@ -197,8 +196,8 @@ void PutList(const std::vector<Item> &items, Bytes *out) {
     PutBlock(item, &payload);
     const size_t L = kBlockHead + payload.size();
     if (L > 0xFFFF)
-      throw std::runtime_error(Format("the value of '%s' takes %zu bytes; a value block holds at most 65535",
-                                      Escape(item.tag).c_str(), L));
+      throw std::runtime_error(
+          Format("the value of '%s' takes %zu bytes; a value block holds at most 65535", Escape(item.tag).c_str(), L));
     Put16(out, uint32_t(item.tag.size()));
     out->append(item.tag);
     Put16(out, uint32_t(L));
@@ -207,8 +206,7 @@ void PutList(const std::vector<Item> &items, Bytes *out) {
     Put16(out, uint32_t(L));
     out->append(payload);
     // Keep a runaway tree from growing without bound: no image is larger.
-    if (out->size() > kMaxImage)
-      throw std::runtime_error(Format("the image would be longer than %u bytes", kMaxImage));
+    if (out->size() > kMaxImage) throw std::runtime_error(Format("the image would be longer than %u bytes", kMaxImage));
   }
 }
 
@@ -243,10 +241,10 @@ std::optional<Damage> ReadImage(const Bytes &image, Dump *dump, std::vector<Note
   if (mark != kMark) return Damage{2, Format("mark 0x%04X, expected 0xCE00", mark)};
   const uint32_t stored = Be16(image, 4), sum = Checksum(image);
   if (stored != sum)
-    return Damage{4, size == kHeaderSize
-                         ? Format("checksum 0x%04X, expected 0x0000 since nothing follows the header", stored)
-                         : Format("checksum 0x%04X, expected 0x%04X (the byte sum of offsets 6 to %zu)", stored, sum,
-                                  size - 1)};
+    return Damage{
+        4, size == kHeaderSize
+               ? Format("checksum 0x%04X, expected 0x0000 since nothing follows the header", stored)
+               : Format("checksum 0x%04X, expected 0x%04X (the byte sum of offsets 6 to %zu)", stored, sum, size - 1)};
   std::vector<Note> ignored;
   ListReader reader{image, notes ? notes : &ignored};
   Dump local;
@@ -261,8 +259,9 @@ std::optional<Damage> DecodeHex(const Bytes &text, Bytes *image) {
   if (text.size() < 8)
     return Damage{0, Format("the text has %zu characters; a hexadecimal dump has at least 8", text.size()), true};
   if (text.size() > 2 * kMaxImage + 1)
-    return Damage{0, Format("the text has %zu characters; a hexadecimal dump has at most %u", text.size(), 2 * kMaxImage + 1),
-                  true};
+    return Damage{
+        0, Format("the text has %zu characters; a hexadecimal dump has at most %u", text.size(), 2 * kMaxImage + 1),
+        true};
   image->assign(text.size() / 2, '\0');
   for (size_t i = 0; i < text.size(); ++i) {
     const int v = HexDigit(text[i]);

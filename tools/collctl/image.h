@@ -27,8 +27,8 @@ constexpr uint32_t kCollMagic = 0x1010;
 constexpr uint32_t kCollHeaderSize = 678;
 constexpr uint32_t kNoSelection = 0xFFFF;
 constexpr uint32_t kAttributes = 5;
-constexpr uint32_t kTypeItem = 1, kTypeTable = 2, kTypeColl = 3, kTypeTime = 4, kTypeNumeric = 5,
-                   kTypeString = 6, kTypeText7 = 7;
+constexpr uint32_t kTypeItem = 1, kTypeTable = 2, kTypeColl = 3, kTypeTime = 4, kTypeNumeric = 5, kTypeString = 6,
+                   kTypeText7 = 7;
 
 // The name collctl gives a type code ("item", "table", "coll", "time",
 // "numeric", "string", "type7"); empty for other codes.

@@ -4,6 +4,7 @@
 // Exit status: 0 success, 1 bad input (a dump that is not sound, JSON that
 // does not describe a dump, a table that cannot be made), 2 usage errors and
 // files that cannot be read or written.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -15,8 +16,6 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-
-#include <CLI/CLI.hpp>
 
 #include "coll.hpp"
 #include "coll_host.h"
@@ -125,11 +124,10 @@ Input ReadSoundDump(const std::string &path) {
 }
 
 std::string Summary(const Input &in) {
-  std::string s = in.hex ? Format("hexadecimal dump of %zu characters, image of %u bytes", in.text.size(), in.dump.length)
-                         : Format("dump of %u bytes", in.dump.length);
-  const size_t n = in.dump.items.size();
-  return s + Format(", checksum 0x%04X, ", in.dump.checksum) +
-         (n == 0 ? std::string("no items") : Format("%zu item%s", n, n == 1 ? "" : "s"));
+  std::string s = in.hex
+                      ? Format("hexadecimal dump of %zu characters, image of %u bytes", in.text.size(), in.dump.length)
+                      : Format("dump of %u bytes", in.dump.length);
+  return s + Format(", checksum 0x%04X, ", in.dump.checksum) + CountText(in.dump.items.size(), "item", "items");
 }
 
 std::string JsonText(const Json &j) { return j.dump(2) + "\n"; }
@@ -199,29 +197,26 @@ int Ini(const std::string &section, const std::string &file, bool json) {
       for (const Section &s : sections) a.push_back(Json{{"name", BytesToJson(s.name)}, {"keys", s.keys}});
       std::cout << JsonText(a);
     } else {
-      for (const Section &s : sections) std::cout << "[" << Escape(s.name) << "]  " << s.keys << (s.keys == 1 ? " key" : " keys") << "\n";
+      for (const Section &s : sections)
+        std::cout << "[" << Escape(s.name) << "]  " << CountText(s.keys, "key", "keys") << "\n";
     }
     return 0;
   }
   // The section as a shared open loads it.
-  const std::string name = section;
-  bool present = false;
-  for (const Section &s : sections)
-    present = present || (s.name.size() == name.size() &&
-                          std::equal(s.name.begin(), s.name.end(), name.begin(), [](char x, char y) {
-                            auto low = [](char c) { return c >= 'A' && c <= 'Z' ? char(c + 32) : c; };
-                            return low(x) == low(y);
-                          }));
-  if (!present) throw Failure(kBadInput, Format("%s has no section [%s]", path.c_str(), Escape(name).c_str()));
+  const std::string &name = section;
+  if (!FindSection(sections, name))
+    throw Failure(kBadInput, Format("%s has no section [%s]", path.c_str(), Escape(name).c_str()));
   collHostSetProfilePath(path.c_str());
   libcoll::Collection c = libcoll::Collection::OpenShared(name);
-  if (!c) throw Failure(kBadInput, Format("section [%s] cannot be opened: a shared collection's name has 1 to 64 characters",
-                                          Escape(name).c_str()));
+  if (!c)
+    throw Failure(kBadInput, Format("section [%s] cannot be opened: a shared collection's name has 1 to 64 characters",
+                                    Escape(name).c_str()));
   const std::vector<std::byte> bytes = c.Dump();
   const Bytes image(reinterpret_cast<const char *>(bytes.data()), bytes.size());
   Dump dump;
   if (bytes.empty() || ReadImage(image, &dump, nullptr))
-    throw Failure(kBadInput, Format("section [%s] cannot be shown: the collection cannot be dumped", Escape(name).c_str()));
+    throw Failure(kBadInput,
+                  Format("section [%s] cannot be shown: the collection cannot be dumped", Escape(name).c_str()));
   if (json) {
     Json j;
     j["file"] = path;
@@ -229,9 +224,7 @@ int Ini(const std::string &section, const std::string &file, bool json) {
     j["items"] = ToJson(dump)["items"];
     std::cout << JsonText(j);
   } else {
-    const size_t n = dump.items.size();
-    std::cout << "[" << Escape(name) << "] of " << path << ": "
-              << (n == 0 ? std::string("no items") : Format("%zu item%s", n, n == 1 ? "" : "s")) << "\n"
+    std::cout << "[" << Escape(name) << "] of " << path << ": " << CountText(dump.items.size(), "item", "items") << "\n"
               << RenderTree(dump.items);
   }
   return 0;
@@ -266,7 +259,8 @@ int TableImport(const std::string &path, const std::string &out, const std::stri
     if (lines == 1) firstColumns = size_t(std::count(line.begin(), line.end(), '\t')) + 1;
     clip += line + "\r\n";
   }
-  if (lines == 0) throw Failure(kBadInput, Format("%s: no lines; the first line names the columns", Shown(path).c_str()));
+  if (lines == 0)
+    throw Failure(kBadInput, Format("%s: no lines; the first line names the columns", Shown(path).c_str()));
   if (firstColumns > 10)
     throw Failure(kBadInput, Format("%s: the first line names %zu columns; a table from text has at most 10",
                                     Shown(path).c_str(), firstColumns));
@@ -278,7 +272,8 @@ int TableImport(const std::string &path, const std::string &out, const std::stri
     std::cerr << Format("collctl: %s: note: %zu of %zu rows did not fit the table\n", Shown(path).c_str(),
                         lines - 1 - table.Rows(), lines - 1);
   libcoll::Collection c = libcoll::Collection::Open();
-  if (!c.SetTable(tag, table)) throw Failure(kBadInput, Format("cannot store the table under '%s'", Escape(tag).c_str()));
+  if (!c.SetTable(tag, table))
+    throw Failure(kBadInput, Format("cannot store the table under '%s'", Escape(tag).c_str()));
   const std::vector<std::byte> bytes = c.Dump();
   if (bytes.empty()) throw Failure(kBadInput, "the table is too large for a dump (at most 65534 bytes)");
   const Bytes image(reinterpret_cast<const char *>(bytes.data()), bytes.size());
@@ -289,10 +284,10 @@ int TableImport(const std::string &path, const std::string &out, const std::stri
 int TableExport(const std::string &path, const std::string &tag, const std::string &layout, bool raw) {
   const Input in = ReadSoundDump(path);
   libcoll::Collection c = libcoll::Collection::Open();
-  const bool loaded = in.hex ? c.LoadHex(in.text)
-                             : c.Load(std::vector<std::byte>(reinterpret_cast<const std::byte *>(in.image.data()),
-                                                             reinterpret_cast<const std::byte *>(in.image.data()) +
-                                                                 in.image.size()));
+  const bool loaded =
+      in.hex ? c.LoadHex(in.text)
+             : c.Load(std::vector<std::byte>(reinterpret_cast<const std::byte *>(in.image.data()),
+                                             reinterpret_cast<const std::byte *>(in.image.data()) + in.image.size()));
   if (!loaded) throw Failure(kBadInput, Format("%s: the library refuses to load this dump", in.name.c_str()));
   const uint32_t type = c.Type(tag);
   if (type == 0) throw Failure(kBadInput, Format("%s: no item '%s'", in.name.c_str(), Escape(tag).c_str()));
@@ -304,9 +299,9 @@ int TableExport(const std::string &path, const std::string &tag, const std::stri
   collHostSetClipboardText(nullptr);
   if (!table || !table.ToClipboard(mode)) {
     const bool noRows = table && table.Rows() == 0;
-    throw Failure(kBadInput, Format("%s: nothing to export from '%s' in layout %s: %s", in.name.c_str(),
-                                    Escape(tag).c_str(), layout.c_str(),
-                                    mode == CLIP_ROWS && noRows ? "the table has no rows" : "no row is selected"));
+    throw Failure(kBadInput,
+                  Format("%s: nothing to export from '%s' in layout %s: %s", in.name.c_str(), Escape(tag).c_str(),
+                         layout.c_str(), mode == CLIP_ROWS && noRows ? "the table has no rows" : "no row is selected"));
   }
   const uint32_t n = collHostGetClipboardText(nullptr, 0);
   Bytes text(n, '\0');
@@ -332,9 +327,10 @@ int TableExport(const std::string &path, const std::string &tag, const std::stri
 }
 
 int Run(int argc, char **argv) {
-  CLI::App app{"collctl - shows, checks and builds libcoll dumps; shows the profile file; moves tables between dumps "
-               "and tab-separated text.",
-               "collctl"};
+  CLI::App app{
+      "collctl - shows, checks and builds libcoll dumps; shows the profile file; moves tables between dumps "
+      "and tab-separated text.",
+      "collctl"};
   app.require_subcommand(1);
 
   std::string file, out, section, iniFile, tag, layout = "names-and-rows";
@@ -343,7 +339,8 @@ int Run(int argc, char **argv) {
 
   CLI::App *show = app.add_subcommand("show", "Print the items of a dump (binary or hexadecimal text) as a tree");
   show->add_option("FILE", file, "The dump; - reads the standard input")->required();
-  show->add_flag("--json", json, "Print JSON instead (the schema is in the README); 'build' turns it back into the dump");
+  show->add_flag("--json", json,
+                 "Print JSON instead (the schema is in the README); 'build' turns it back into the dump");
   show->callback([&] { status = Show(file, json); });
 
   CLI::App *build = app.add_subcommand("build", "Write the dump that a JSON document of 'show --json' describes");
@@ -356,7 +353,8 @@ int Run(int argc, char **argv) {
   check->add_option("FILE", file, "The dump (binary or hexadecimal text); - reads the standard input")->required();
   check->callback([&] { status = Check(file); });
 
-  CLI::App *ini = app.add_subcommand("ini", "List the sections of the profile file, or show one as a shared open loads it");
+  CLI::App *ini =
+      app.add_subcommand("ini", "List the sections of the profile file, or show one as a shared open loads it");
   ini->add_option("SECTION", section, "The section to show");
   ini->add_option("--file", iniFile, "The profile file (default: $XDG_CONFIG_HOME/COLL.INI or $HOME/.config/COLL.INI)");
   ini->add_flag("--json", json, "Print JSON instead");
@@ -365,38 +363,41 @@ int Run(int argc, char **argv) {
   CLI::App *table = app.add_subcommand("table", "Move tables between tab-separated text and dumps");
   table->require_subcommand(1);
   CLI::App *import = table->add_subcommand("import", "Make a dump holding the table of a tab-separated text");
-  import->add_option("FILE", file, "The text: the first line names the columns (at most 10); - reads the standard input")
+  import
+      ->add_option("FILE", file, "The text: the first line names the columns (at most 10); - reads the standard input")
       ->required();
   import->add_option("-o,--output", out, "Where to write the dump (default: the standard output)");
   import->add_option("--tag", tag, "The tag of the table item")->default_val("table");
   import->add_flag("--hex", hex, "Write the dump as hexadecimal text");
-  import->callback([&] { status = TableImport(file, out, tag, hex); });
-  CLI::App *exp = table->add_subcommand("export", "Print a table item of a dump as tab-separated text");
-  exp->add_option("FILE", file, "The dump; - reads the standard input")->required();
-  exp->add_option("TAG", tag, "The tag of the table item")->required();
-  std::vector<std::string> names;
-  for (const auto &l : kLayouts) names.push_back(l.first);
-  exp->add_option("--layout", layout, "What to print")->check(CLI::IsMember(names))->capture_default_str();
-  exp->add_flag("--raw", raw, "Print the text exactly as the library makes it (CR LF line ends, none after the last line)");
-  exp->callback([&] { status = TableExport(file, tag, layout, raw); });
+  import->callback([&] { status = TableImport(file, out, tag, hex);
+});
+CLI::App *exp = table->add_subcommand("export", "Print a table item of a dump as tab-separated text");
+exp->add_option("FILE", file, "The dump; - reads the standard input")->required();
+exp->add_option("TAG", tag, "The tag of the table item")->required();
+std::vector<std::string> names;
+for (const auto &l : kLayouts) names.push_back(l.first);
+exp->add_option("--layout", layout, "What to print")->check(CLI::IsMember(names))->capture_default_str();
+exp->add_flag("--raw", raw,
+              "Print the text exactly as the library makes it (CR LF line ends, none after the last line)");
+exp->callback([&] { status = TableExport(file, tag, layout, raw); });
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp &e) {
-    return app.exit(e);
-  } catch (const CLI::ParseError &e) {
-    std::cerr << "collctl: " << e.what() << "\n"
-              << "Run 'collctl --help' or 'collctl COMMAND --help' for usage.\n";
-    return kUsage;
-  } catch (const Failure &f) {
-    std::cout.flush();
-    std::cerr << "collctl: " << f.what() << "\n";
-    return f.status;
-  }
-  return status;
+try {
+  app.parse(argc, argv);
+} catch (const CLI::CallForHelp &e) {
+  return app.exit(e);
+} catch (const CLI::ParseError &e) {
+  std::cerr << "collctl: " << e.what() << "\n"
+            << "Run 'collctl --help' or 'collctl COMMAND --help' for usage.\n";
+  return kUsage;
+} catch (const Failure &f) {
+  std::cout.flush();
+  std::cerr << "collctl: " << f.what() << "\n";
+  return f.status;
 }
-
+return status;
 }  // namespace
+
+}  // namespace collctl
 }  // namespace collctl
 
 int main(int argc, char **argv) {

@@ -63,4 +63,11 @@ std::vector<Section> ListSections(const std::string &text) {
   return sections;
 }
 
+const Section *FindSection(const std::vector<Section> &sections, const std::string &name) {
+  const std::string trimmed = Trim(name);
+  for (const Section &s : sections)
+    if (SameName(s.name, trimmed)) return &s;
+  return nullptr;
+}
+
 }  // namespace collctl

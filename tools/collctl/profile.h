@@ -25,6 +25,10 @@ std::string DefaultProfilePath();
 // "key=value" line that does not start with ';' or '[' is a key.
 std::vector<Section> ListSections(const std::string &text);
 
+// The section of that name (blanks around it dropped, letter case of A-Z
+// ignored), or null.
+const Section *FindSection(const std::vector<Section> &sections, const std::string &name);
+
 }  // namespace collctl
 
 #endif  // COLLCTL_PROFILE_H

@@ -12,10 +12,10 @@ namespace collctl {
 
 namespace {
 
-constexpr size_t kTagColumn = 20;   // tags longer than this are not padded
-constexpr size_t kTypeColumn = 7;   // "numeric"
+constexpr size_t kTagColumn = 20;    // tags longer than this are not padded
+constexpr size_t kTypeColumn = 7;    // "numeric"
 constexpr size_t kInlineBytes = 16;  // raw items up to this size on one line
-constexpr size_t kMaxDepth = 4096;  // deeper JSON cannot fit an image anyway
+constexpr size_t kMaxDepth = 4096;   // deeper JSON cannot fit an image anyway
 
 // The library's own text of a time: collGetString on a time item, which
 // renders it as local time.
@@ -37,11 +37,6 @@ std::string Pad(const std::string &s, size_t width) {
 }
 
 std::string TagText(const Bytes &tag) { return tag.empty() ? "\"\"" : Escape(tag); }
-
-std::string Count(size_t n, const char *one, const char *many) {
-  if (n == 0) return Format("no %s", many);
-  return Format("%zu %s", n, n == 1 ? one : many);
-}
 
 std::string SpacedHex(const Bytes &bytes) {
   std::string hex = ToHex(bytes), out;
@@ -115,19 +110,19 @@ void Tree(const std::vector<Item> &items, size_t depth, LocalTimes &local, std::
         line += Format("%u  %s  local ", item.value, IsoUtc(item.value).c_str()) + Quote(local(item.value));
         break;
       case kTypeItem:
-        line += Count(item.data.size(), "byte", "bytes");
+        line += CountText(item.data.size(), "byte", "bytes");
         hexBelow = item.data.size() > kInlineBytes;
         if (!item.data.empty() && !hexBelow) line += "  " + SpacedHex(item.data) + "  |" + Preview(item.data) + "|";
         break;
       case kTypeColl:
-        line += Count(item.items.size(), "item", "items");
+        line += CountText(item.items.size(), "item", "items");
         break;
       case kTypeTable:
         if (t.regular)
           line += Format("%u rows x %u cols, type %u, ", t.rows, t.cols, t.type) + SelectionText(t);
         else
           line += Format("irregular: magic 0x%04X, %u rows x %u cols, type %u, ", t.magic, t.rows, t.cols, t.type) +
-                  SelectionText(t) + ", " + Count(t.data.size(), "data byte", "data bytes");
+                  SelectionText(t) + ", " + CountText(t.data.size(), "data byte", "data bytes");
         if (!t.unloadable.empty()) line += "  (a load skips it: " + t.unloadable + ")";
         break;
       default:
@@ -299,7 +294,8 @@ Table TableFromJson(const Json &j, const std::string &path) {
   }
   const Json &names = ArrayMember(j, path, "columns");
   if (names.empty()) Fail(path + ".columns", "a table has at least one column");
-  for (size_t c = 0; c < names.size(); ++c) t.names.push_back(TableString(names[c], Format("%s.columns[%zu]", path.c_str(), c)));
+  for (size_t c = 0; c < names.size(); ++c)
+    t.names.push_back(TableString(names[c], Format("%s.columns[%zu]", path.c_str(), c)));
   if (j.contains("rows")) {
     const Json &rows = ArrayMember(j, path, "rows");
     for (size_t r = 0; r < rows.size(); ++r) {
@@ -307,7 +303,8 @@ Table TableFromJson(const Json &j, const std::string &path) {
       if (!rows[r].is_array() || rows[r].size() != names.size())
         Fail(rp, Format("expected an array of %zu fields, one per column", names.size()));
       std::vector<Bytes> row;
-      for (size_t c = 0; c < names.size(); ++c) row.push_back(TableString(rows[r][c], Format("%s[%zu]", rp.c_str(), c)));
+      for (size_t c = 0; c < names.size(); ++c)
+        row.push_back(TableString(rows[r][c], Format("%s[%zu]", rp.c_str(), c)));
       t.cells.push_back(std::move(row));
     }
   }

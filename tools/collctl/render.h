@@ -3,10 +3,9 @@
 #ifndef COLLCTL_RENDER_H
 #define COLLCTL_RENDER_H
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "image.h"
 

@@ -52,11 +52,26 @@ std::string EscapeBytes(const std::string &bytes, bool quote) {
   for (size_t i = 0; i < bytes.size();) {
     const uint8_t c = uint8_t(bytes[i]);
     switch (c) {
-      case '\\': out += "\\\\"; ++i; continue;
-      case '\n': out += "\\n"; ++i; continue;
-      case '\r': out += "\\r"; ++i; continue;
-      case '\t': out += "\\t"; ++i; continue;
-      case '\0': out += "\\0"; ++i; continue;
+      case '\\':
+        out += "\\\\";
+        ++i;
+        continue;
+      case '\n':
+        out += "\\n";
+        ++i;
+        continue;
+      case '\r':
+        out += "\\r";
+        ++i;
+        continue;
+      case '\t':
+        out += "\\t";
+        ++i;
+        continue;
+      case '\0':
+        out += "\\0";
+        ++i;
+        continue;
       case '"':
         out += quote ? "\\\"" : "\"";
         ++i;
@@ -137,6 +152,11 @@ std::string Preview(const std::string &bytes) {
   return out;
 }
 
+std::string CountText(size_t n, const char *one, const char *many) {
+  if (n == 0) return Format("no %s", many);
+  return Format("%zu %s", n, n == 1 ? one : many);
+}
+
 std::string IsoUtc(uint32_t seconds) {
   // Days since 1970-01-01 to a civil date (proleptic Gregorian calendar).
   const int64_t days = seconds / 86400;
@@ -150,8 +170,8 @@ std::string IsoUtc(uint32_t seconds) {
   const int64_t day = doy - (153 * mp + 2) / 5 + 1;
   const int64_t month = mp < 10 ? mp + 3 : mp - 9;
   const int64_t year = yoe + era * 400 + (month <= 2);
-  return Format("%04lld-%02lld-%02lldT%02u:%02u:%02uZ", (long long)year, (long long)month, (long long)day,
-                rest / 3600, rest / 60 % 60, rest % 60);
+  return Format("%04lld-%02lld-%02lldT%02u:%02u:%02uZ", (long long)year, (long long)month, (long long)day, rest / 3600,
+                rest / 60 % 60, rest % 60);
 }
 
 }  // namespace collctl

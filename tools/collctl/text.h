@@ -34,6 +34,9 @@ std::string DescribeChar(uint8_t c);
 // Printable ASCII as is, every other byte as '.'.
 std::string Preview(const std::string &bytes);
 
+// "no items", "1 item", "2 items".
+std::string CountText(size_t n, const char *one, const char *many);
+
 // Seconds since 1970 as UTC in ISO 8601: 2023-11-14T22:13:20Z.
 std::string IsoUtc(uint32_t seconds);
 

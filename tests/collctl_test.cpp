@@ -214,6 +214,28 @@ TEST_F(Collctl, ShowsTheSampleDump) {
             "  attributes: \"%-10s %3s %6s \" \"currency=GBP\" \"\" \"\" \"\"\n");
 }
 
+TEST_F(Collctl, ShowsTheSampleDumpAsJson) {
+  Write("sample.dump", SampleImage());
+  const Result r = Tool("show --json sample.dump");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(collctl::Json::parse(r.out).dump(),
+            R"({"length":393,"checksum":22575,"items":[)"
+            R"({"tag":"Customer","type":"string","value":"Harbour Supplies Ltd."},)"
+            R"({"tag":"Note","type":"string","value":"Deliver to gate 3\nbefore noon"},)"
+            R"({"tag":"Number","type":"numeric","value":10472},)"
+            R"({"tag":"Discount","type":"numeric","value":-5},)"
+            R"({"tag":"Placed","type":"time","value":1700000000,"utc":"2023-11-14T22:13:20Z",)"
+            R"("local":"Tue Nov 14 22:13:20 2023"},)"
+            R"({"tag":"Flags","type":"item","hex":"01007f4f4b","preview":"...OK"},)"
+            R"({"tag":"ShipTo","type":"coll","head":{"id":4,"itemCount":3,"shareCount":0,"dataLength":70},"items":[)"
+            R"({"tag":"Street","type":"string","value":"1 Quay Road"},)"
+            R"({"tag":"City","type":"string","value":"Portsmouth"},)"
+            R"({"tag":"Floor","type":"numeric","value":2}]},)"
+            R"({"tag":"Lines","type":"table","tableType":0,"selection":1,"columns":["Item","Qty","Price"],)"
+            R"("rows":[["Rope, 10 m","4","12.50"],["Shackle","12","3.20"],["Fender","2","28.00"]],)"
+            R"("attributes":["%-10s %3s %6s ","currency=GBP","","",""]}]})");
+}
+
 TEST_F(Collctl, SampleGeneratorWritesTheShippedSample) {
 #ifdef MAKE_SAMPLE_PATH
   const std::string cmd = Quoted(MAKE_SAMPLE_PATH) + " " + Quoted(Path("made.dump"));

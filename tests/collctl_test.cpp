@@ -49,6 +49,13 @@ void FixChecksum(std::string *image) {
   (*image)[5] = char(sum & 0xFF);
 }
 
+// The image with one byte changed and the checksum made right again.
+std::string Patched(std::string image, size_t at, uint8_t value) {
+  image[at] = char(value);
+  FixChecksum(&image);
+  return image;
+}
+
 void SetTotal(std::string *image) {
   (*image)[0] = char(image->size() >> 8);
   (*image)[1] = char(image->size() & 0xFF);
@@ -429,32 +436,20 @@ TEST_F(Collctl, ChecksDamagedDumps) {
       {"short", kAbXy.substr(0, 5), "offset 0: the image has 5 bytes; a dump has at least its 6-byte header"});
   std::string longer = kAbXy + "z";
   cases.push_back({"longer", longer, "offset 0: the header gives a total length of 20 bytes, but the image has 21"});
-  std::string mark = kAbXy;
-  mark[3] = 1;
-  cases.push_back({"mark", mark, "offset 2: mark 0xCE01, expected 0xCE00"});
+  cases.push_back({"mark", Patched(kAbXy, 3, 1), "offset 2: mark 0xCE01, expected 0xCE00"});
   std::string sum = kAbXy;
   sum[5] = char(0xCD);
   cases.push_back({"sum", sum, "offset 4: checksum 0x01CD, expected 0x01CC (the byte sum of offsets 6 to 19)"});
-  std::string tag = kAbXy;  // tag length 3 leaves no room for the block head
-  tag[7] = 9;
-  FixChecksum(&tag);
-  cases.push_back({"tag", tag,
+  // A tag length of 9 leaves no room for the block head.
+  cases.push_back({"tag", Patched(kAbXy, 7, 9),
                    "offset 6: a record with a tag of 9 bytes needs at least 19 bytes, but only 14 remain "
                    "in the image"});
-  std::string value = kAbXy;
-  value[11] = 9;
-  FixChecksum(&value);
-  cases.push_back({"value", value,
+  cases.push_back({"value", Patched(kAbXy, 11, 9),
                    "offset 10: the value length 9 of 'ab' differs from the length 8 in its block head "
                    "(offset 16)"});
-  std::string type = kAbXy;
-  type[13] = 9;
-  FixChecksum(&type);
-  cases.push_back({"type", type, "offset 12: type code 9 of 'ab', expected 1 to 7"});
-  std::string number = kAbXy;
-  number[13] = 5;
-  FixChecksum(&number);
-  cases.push_back({"number", number, "offset 16: the numeric block of 'ab' is 8 bytes long, expected 10"});
+  cases.push_back({"type", Patched(kAbXy, 13, 9), "offset 12: type code 9 of 'ab', expected 1 to 7"});
+  cases.push_back(
+      {"number", Patched(kAbXy, 13, 5), "offset 16: the numeric block of 'ab' is 8 bytes long, expected 10"});
   std::string tail = kAbXy + "\x01";
   SetTotal(&tail);
   FixChecksum(&tail);

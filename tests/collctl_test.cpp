@@ -14,6 +14,7 @@
 #include "coll.h"
 #include "image.h"
 #include "render.h"
+#include "text.h"
 
 namespace {
 
@@ -352,7 +353,7 @@ TEST_F(Collctl, BuildsFromHandWrittenJson) {
   const std::string doc = R"({"items": [
       {"tag": "ab", "type": "string", "value": "xy"},
       {"tag": "n", "type": "numeric", "value": 1},
-      {"tag": "c", "type": "coll", "items": [{"tag": "t", "type": "time", "value": 86400}]},
+      {"tag": "c", "type": "coll", "items": [{"tag": "t", "type": "time", "utc": "1970-01-02T00:00:00Z"}]},
       {"tag": "t", "type": "table", "columns": ["A", "B"], "rows": [["1", "2"]], "selection": 0}]})";
   const Result r = Tool("build - -o out.dump", doc);
   ASSERT_EQ(r.status, 0) << r.err;
@@ -385,6 +386,9 @@ TEST_F(Collctl, BuildRefusesJsonThatDescribesNoDump) {
       {R"({"items": [{"tag": "a", "type": "item", "hex": "0g"}]})", "items[0].hex: expected a string of hexadecimal"},
       {R"({"items": [{"tag": "a", "type": "coll", "items": [{"tag": "b", "type": "time", "value": -1}]}]})",
        "items[0].items[0].value: expected an integer from 0 to 4294967295"},
+      {R"({"items": [{"tag": "a", "type": "time", "value": 1, "utc": "1970-01-01T00:00:00Z"}]})",
+       "items[0]: \"value\" 1 and \"utc\" 1970-01-01T00:00:00Z name different times"},
+      {R"({"items": [{"tag": "a", "type": "time", "utc": "2023-02-29T00:00:00Z"}]})", "items[0].utc: expected a UTC"},
       {R"({"items": [{"tag": "a", "type": "table", "columns": ["A"], "rows": [["1", "2"]]}]})",
        "items[0].rows[0]: expected an array of 1 fields"},
       {R"({"items": [{"tag": "a", "type": "table", "columns": []}]})", "a table has at least one column"},
@@ -641,6 +645,22 @@ TEST_F(Collctl, TablesBetweenTextAndDumps) {
 // checksum left as it was and made right again: the reader calls sound
 // exactly what collLoadItems loads, and every sound image comes back byte
 // for byte through its JSON form.
+TEST(CollctlText, UtcTextsRoundTrip) {
+  EXPECT_EQ(collctl::IsoUtc(951782400), "2000-02-29T00:00:00Z");
+  EXPECT_EQ(collctl::IsoUtc(4107542400u), "2100-03-01T00:00:00Z");  // 2100 has no 29 February
+  std::mt19937 random(7);
+  for (int i = 0; i < 20000; ++i) {
+    const uint32_t t = i < 2 ? (i ? UINT32_MAX : 0) : uint32_t(random());
+    uint32_t back = 1;
+    ASSERT_TRUE(collctl::ParseIsoUtc(collctl::IsoUtc(t), &back)) << t;
+    ASSERT_EQ(back, t);
+  }
+  uint32_t t = 0;
+  for (const char *bad : {"2100-02-29T00:00:00Z", "1969-12-31T23:59:59Z", "2106-02-07T06:28:16Z",
+                          "2023-11-14 22:13:20Z", "2023-11-14T24:00:00Z", "2023-13-01T00:00:00Z", ""})
+    EXPECT_FALSE(collctl::ParseIsoUtc(bad, &t)) << bad;
+}
+
 TEST(CollctlReader, AgreesWithTheLibraryOnEveryByteChanged) {
   const std::string image = AllTypesImage();
   ASSERT_TRUE(LibraryLoads(image));

@@ -341,9 +341,22 @@ Item ItemFromJson(const Json &j, const std::string &path, size_t depth) {
     case kTypeNumeric:
       item.value = uint32_t(int32_t(Integer(Member(j, path, "value"), path + ".value", INT32_MIN, INT32_MAX)));
       break;
-    case kTypeTime:
-      item.value = uint32_t(Integer(Member(j, path, "value"), path + ".value", 0, UINT32_MAX));
+    case kTypeTime: {
+      // The seconds, or the UTC text; when both are given they must agree.
+      auto utc = j.find("utc");
+      uint32_t fromText = 0;
+      if (utc != j.end() && !(utc->is_string() && ParseIsoUtc(utc->get<std::string>(), &fromText)))
+        Fail(path + ".utc", "expected a UTC time such as \"2023-11-14T22:13:20Z\" from 1970 to 2106");
+      if (j.contains("value") || utc == j.end()) {
+        item.value = uint32_t(Integer(Member(j, path, "value"), path + ".value", 0, UINT32_MAX));
+        if (utc != j.end() && fromText != item.value)
+          Fail(path, Format("\"value\" %u and \"utc\" %s name different times", item.value,
+                            utc->get<std::string>().c_str()));
+      } else {
+        item.value = fromText;
+      }
       break;
+    }
     case kTypeColl: {
       if (depth >= kMaxDepth) Fail(path, "collections nested too deeply");
       item.items = ItemsFromJson(ArrayMember(j, path, "items"), path + ".items", depth + 1);

@@ -174,4 +174,28 @@ std::string IsoUtc(uint32_t seconds) {
                 rest / 60 % 60, rest % 60);
 }
 
+bool ParseIsoUtc(const std::string &text, uint32_t *seconds) {
+  // YYYY-MM-DDTHH:MM:SSZ, digits where the pattern has 'd'.
+  static const char pattern[] = "dddd-dd-ddTdd:dd:ddZ";
+  if (text.size() != sizeof pattern - 1) return false;
+  for (size_t i = 0; i < text.size(); ++i)
+    if (pattern[i] == 'd' ? text[i] < '0' || text[i] > '9' : text[i] != pattern[i]) return false;
+  auto num = [&](size_t at, size_t n) { return int64_t(std::stoi(text.substr(at, n))); };
+  const int64_t y = num(0, 4), m = num(5, 2), d = num(8, 2), hh = num(11, 2), mm = num(14, 2), ss = num(17, 2);
+  const bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+  static const int mdays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (m < 1 || m > 12 || d < 1 || d > mdays[m - 1] + (m == 2 && leap) || hh > 23 || mm > 59 || ss > 59) return false;
+  // Days from 1970-01-01 to the civil date (proleptic Gregorian calendar).
+  const int64_t yy = y - (m <= 2);
+  const int64_t era = yy / 400;
+  const int64_t yoe = yy - era * 400;
+  const int64_t doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  const int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  const int64_t days = era * 146097 + doe - 719468;
+  const int64_t t = days * 86400 + hh * 3600 + mm * 60 + ss;
+  if (t < 0 || t > int64_t(UINT32_MAX)) return false;
+  *seconds = uint32_t(t);
+  return true;
+}
+
 }  // namespace collctl

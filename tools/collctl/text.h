@@ -39,6 +39,9 @@ std::string CountText(size_t n, const char *one, const char *many);
 
 // Seconds since 1970 as UTC in ISO 8601: 2023-11-14T22:13:20Z.
 std::string IsoUtc(uint32_t seconds);
+// The inverse of IsoUtc for exactly that form; false for any other text or
+// a time outside 1970-01-01T00:00:00Z to 2106-02-07T06:28:15Z.
+bool ParseIsoUtc(const std::string &text, uint32_t *seconds);
 
 }  // namespace collctl
 

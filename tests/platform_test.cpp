@@ -1,6 +1,6 @@
 // The platform layer and the host functions: the same contract on every
-// platform (windows that receive sent messages, the one clipboard, the
-// executable's name, the memory tests).
+// platform (windows that receive sent messages, message names, the
+// executable's name, the memory tests, the heap and its failure hook).
 #include <gtest/gtest.h>
 
 #include <string>
@@ -61,60 +61,6 @@ TEST(Platform, MessageNamesIgnoreCase) {
   EXPECT_NE(platform::RegisterWindowMessage("Coll_Test_Other"), a);
   EXPECT_EQ(platform::RegisterWindowMessage(nullptr), 0u);
   EXPECT_EQ(collHostRegisterMessage(""), 0u);
-}
-
-std::string HostClipText() {
-  uint32_t n = collHostGetClipboardText(nullptr, 0);
-  if (n == 0) return "<none>";
-  std::string s(n, '\0');
-  EXPECT_EQ(collHostGetClipboardText(s.data(), n), n);
-  s.resize(n - 1);
-  return s;
-}
-
-TEST(Platform, ClipboardTextBetweenHostAndLibrary) {
-  ASSERT_EQ(collHostSetClipboardText("from host"), 1u);
-  EXPECT_EQ(HostClipText(), "from host");
-
-  ASSERT_TRUE(platform::OpenClipboard(platform::GetActiveWindow()));
-  EXPECT_FALSE(platform::OpenClipboard(0));  // open until closed
-  EXPECT_EQ(collHostOpenClipboard(0), 0u);
-  EXPECT_EQ(collHostSetClipboardText("refused"), 0u);
-  uint32_t len = 99;
-  char *text = platform::GetClipboardText(&len);
-  ASSERT_NE(text, nullptr);
-  EXPECT_EQ(std::string(text, len), "from host");
-  EXPECT_EQ(text[len], 0);
-  platform::HeapFree(text);
-
-  EXPECT_TRUE(platform::EmptyClipboard());
-  EXPECT_TRUE(platform::SetClipboardText("a\tb\r\nignored", 5));
-  platform::CloseClipboard();
-
-  char cut[4];
-  EXPECT_EQ(collHostGetClipboardText(cut, sizeof cut), 6u);
-  EXPECT_STREQ(cut, "a\tb");
-  EXPECT_EQ(HostClipText(), "a\tb\r\n");
-
-  EXPECT_EQ(collHostCloseClipboard(), 0u);  // not open
-  ASSERT_EQ(collHostOpenClipboard(0), 1u);
-  EXPECT_FALSE(platform::OpenClipboard(0));
-  EXPECT_EQ(collHostCloseClipboard(), 1u);
-
-  EXPECT_EQ(collHostSetClipboardText(nullptr), 1u);
-  EXPECT_EQ(collHostGetClipboardText(nullptr, 0), 0u);
-  ASSERT_TRUE(platform::OpenClipboard(0));
-  len = 99;
-  EXPECT_EQ(platform::GetClipboardText(&len), nullptr);
-  EXPECT_EQ(len, 0u);
-  platform::CloseClipboard();
-}
-
-TEST(Platform, ActiveWindowIsTheHostsChoice) {
-  collHostSetActiveWindow(0x00012345);
-  EXPECT_EQ(platform::GetActiveWindow(), 0x00012345u);
-  collHostSetActiveWindow(0);
-  EXPECT_EQ(platform::GetActiveWindow(), 0u);
 }
 
 TEST(Platform, ExecutableNameWithoutDirectoryCutToSize) {

@@ -43,14 +43,14 @@ echo "== wine prefix $WINEPREFIX"
 
 echo "== 32-bit coll.dll"
 cmake -S "$src" -B "$out-i686" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$src/cmake/mingw-i686.cmake" \
-  -DCOLL_TESTS=OFF -DCOLL_EXAMPLES=OFF -DCOLL_BENCH=OFF >/dev/null
+  -DCOLL_TESTS=OFF -DCOLL_EXAMPLES=OFF -DCOLL_BENCH=OFF -DCOLL_TOOLS=OFF >/dev/null
 cmake --build "$out-i686"
 status=0
 cmake -DOBJDUMP=i686-w64-mingw32-objdump -DDLL="$out-i686/coll.dll" -DHEADERS="$src/include" -DBITS=32 \
   -P "$src/tests/check_dll_exports.cmake" || status=1
 
 echo "== 64-bit coll.dll and the tests"
-cmake -S "$src" -B "$out-x86_64" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$src/cmake/mingw-x86_64.cmake" -DCOLL_BENCH=OFF >/dev/null
+cmake -S "$src" -B "$out-x86_64" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$src/cmake/mingw-x86_64.cmake" -DCOLL_BENCH=OFF -DCOLL_TOOLS=OFF >/dev/null
 cmake --build "$out-x86_64"
 
 echo "== the example against coll.dll"

@@ -40,6 +40,7 @@ trap cleanup EXIT
 echo "== wine prefix $WINEPREFIX"
 "$wineserver" -p </dev/null >/dev/null 2>&1
 "$wine" wineboot -i </dev/null >/dev/null 2>&1
+"$wine" cmd /c exit </dev/null >/dev/null 2>&1 || true
 
 echo "== 32-bit coll.dll"
 cmake -S "$src" -B "$out-i686" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$src/cmake/mingw-i686.cmake" \

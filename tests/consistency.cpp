@@ -152,8 +152,10 @@ std::string Snapshot() {
     if (!hdr) continue;
     out += "T" + Hex(kTableBase + slot);
     out.append(reinterpret_cast<const char *>(hdr), th::cacheValid);
-    out.append(reinterpret_cast<const char *>(hdr + th::rowsOffset), th::stamp - th::rowsOffset);
-    out.append(reinterpret_cast<const char *>(hdr + th::dataIndex), TABLE_HEADER_SIZE - th::dataIndex);
+    // (A failed change may still have given the header a private copy of
+    // shared data: another record, other pages, the same contents.)
+    out.append(reinterpret_cast<const char *>(hdr + th::rowsOffset), th::pages - th::rowsOffset);
+    out.append(reinterpret_cast<const char *>(hdr + th::owner), TABLE_HEADER_SIZE - th::owner);
     if (const uint8_t *data = ps->tableData[TableDataIndex(hdr)].data; data && !isBadTablePtr(hdr))
       out.append(reinterpret_cast<const char *>(data), TableDataLength(hdr));
   }

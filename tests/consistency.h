@@ -25,7 +25,8 @@ std::string CheckState();
 
 // Everything a call could change, read without allocating in the library:
 // for every live collection its header (but the tag cache) and items, for
-// every live table its header (but the position cache and stamp) and data.
+// every live table its header (but the position cache, stamp, pages and
+// data record) and its data.
 // Two equal snapshots mean that nothing changed in between.
 std::string Snapshot();
 // Where two snapshots first differ ("" when equal): the object and offset.

@@ -92,10 +92,24 @@ uint32_t TableFind(uint8_t *h, const char *text, uint32_t textSize, uint32_t sta
   const uint8_t *data = TableData(h);
   const uint32_t end = TableDataLength(h);
   uint32_t offset = tablestrlen(h, (startRow + 1) * cols + column);
+  const uint8_t first = t ? AsciiLower(static_cast<uint8_t>(text[0])) : 0;
   for (uint32_t r = startRow; r < rows && offset < end; ++r) {
-    uint32_t len = collstrlen(data + offset, end - offset);
-    if ((abbrev ? len >= t : len == t) && (t == 0 || AsciiStrnicmp(data + offset, text, t) == 0)) return r;
-    offset = SkipStrings(data, offset, cols, end);
+    // The field's length and the next row's start. Rows are mostly short:
+    // when one word holds the whole row both come from its zero bytes.
+    uint32_t len, nextRow;
+    uint64_t z = offset + 8 <= end ? ZeroBytes(data + offset) : 0;
+    if (z != 0 && CountZeros(z) >= cols) {
+      len = NthZero(z, 1);
+      nextRow = offset + NthZero(z, cols) + 1;
+    } else {
+      uint32_t next = SkipStrings(data, offset, 1, end);
+      len = next - offset - (data[next - 1] == 0 ? 1 : 0);
+      nextRow = cols > 1 ? SkipStrings(data, next, cols - 1, end) : next;
+    }
+    if ((abbrev ? len >= t : len == t) &&
+        (t == 0 || (AsciiLower(data[offset]) == first && AsciiEqualN(data + offset, text, t))))
+      return r;
+    offset = nextRow;
   }
   return kNotFound;
 }

@@ -2,6 +2,7 @@
 // the data block's growth, copy on write and the string position cache.
 #include "tables/table.h"
 
+#include <bit>
 #include <cstring>
 
 #include "platform/platform.h"
@@ -16,11 +17,34 @@ constexpr uint32_t kRowHeader = 0xFFFFFFFFu;
 // Pages of TABLE_PAGE bytes that hold size bytes.
 uint32_t PagesFor(uint32_t size) { return (size + TABLE_PAGE - 1) / TABLE_PAGE; }
 
-// Offset of the string that ends just before offset (offset > 0).
-uint32_t PreviousString(const uint8_t *data, uint32_t offset) {
-  uint32_t q = offset - 1;  // the previous string's terminator
-  while (q > 0 && data[q - 1] != 0) --q;
-  return q;
+// Byte index of the k-th zero byte counted backwards from the word's end.
+inline uint32_t NthZeroFromEnd(uint64_t z, uint32_t k) {
+  if constexpr (std::endian::native == std::endian::little) {
+    while (--k) z &= ~(uint64_t(1) << (63 - std::countl_zero(z)));
+    return 7 - static_cast<uint32_t>(std::countl_zero(z)) / 8;
+  } else {
+    while (--k) z &= z - 1;
+    return 7 - static_cast<uint32_t>(std::countr_zero(z)) / 8;
+  }
+}
+
+// Offset of the string k strings before the one starting at offset; 0 when
+// there are fewer.
+uint32_t SkipStringsBack(const uint8_t *data, uint32_t offset, uint32_t k) {
+  // The start wanted follows the (k + 1)-th zero before offset.
+  uint32_t need = k + 1;
+  uint32_t q = offset;  // scans data[0..q)
+  while (q >= 8) {
+    uint64_t z = ZeroBytes(data + q - 8);
+    uint32_t count = CountZeros(z);
+    if (count >= need) return q - 8 + NthZeroFromEnd(z, need) + 1;
+    need -= count;
+    q -= 8;
+  }
+  while (q > 0) {
+    if (data[--q] == 0 && --need == 0) return q + 1;
+  }
+  return 0;
 }
 }  // namespace
 
@@ -50,13 +74,6 @@ uint32_t nstrlen(const uint8_t *p, uint32_t n) {
   return total < kScanLimit ? total : kScanLimit;
 }
 
-uint32_t SkipStrings(const uint8_t *data, uint32_t offset, uint32_t n, uint32_t end) {
-  for (uint32_t i = 0; i < n && offset < end; ++i) {
-    while (offset < end && data[offset] != 0) ++offset;
-    if (offset < end) ++offset;
-  }
-  return offset;
-}
 
 uint32_t TableStringLength(const uint8_t *h, const uint8_t *p) {
   const uint8_t *data = TableData(h);
@@ -175,7 +192,7 @@ uint32_t tablestrlen(uint8_t *h, uint32_t n) {
   if (valid && n >= index) {
     offset = SkipStrings(data, offset, n - index, end);
   } else if (valid && n > index / 2) {
-    for (uint32_t i = n; i < index && offset > 0; ++i) offset = PreviousString(data, offset);
+    offset = SkipStringsBack(data, offset, index - n);
   } else {
     offset = SkipStrings(data, 0, n, end);
     wr32(h + th::cacheValid, 1);

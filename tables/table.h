@@ -7,7 +7,9 @@
 #ifndef COLL_TABLES_TABLE_H
 #define COLL_TABLES_TABLE_H
 
+#include <bit>
 #include <cstdint>
+#include <cstring>
 
 #include "frame/frame.h"
 
@@ -64,8 +66,52 @@ uint32_t isBadTablePtr(const uint8_t *header);
 uint32_t strlenz(const uint8_t *p);
 // Bytes, terminators included, of the n strings from p; at most 65,535.
 uint32_t nstrlen(const uint8_t *p, uint32_t n);
-// Offset after skipping n strings from offset, never past end.
-uint32_t SkipStrings(const uint8_t *data, uint32_t offset, uint32_t n, uint32_t end);
+// The data blocks hold many short strings, so positioning counts
+// terminators eight bytes at a time: a mask with the high bit set exactly
+// in each zero byte of a word.
+inline uint64_t ZeroBytes(const uint8_t *p) {
+  uint64_t w;
+  std::memcpy(&w, p, 8);
+  constexpr uint64_t kLow7 = 0x7F7F7F7F7F7F7F7Full;
+  return ~(((w & kLow7) + kLow7) | w | kLow7);
+}
+
+// Number of zero bytes marked in a mask (one high bit per byte): a multiply
+// adds the bits into the top byte, without needing a popcount instruction.
+inline uint32_t CountZeros(uint64_t z) { return static_cast<uint32_t>(((z >> 7) * 0x0101010101010101ull) >> 56); }
+
+// Byte index (0..7, in memory order) of the k-th (1-based) zero byte of a
+// word whose zero mask is z. REQUIRES: z has at least k bits set.
+inline uint32_t NthZero(uint64_t z, uint32_t k) {
+  if constexpr (std::endian::native == std::endian::little) {
+    // Byte i of the product counts the zeros in bytes 0..i; the first byte
+    // whose count reaches k holds the k-th zero (counts are at most 8, so the
+    // per-byte subtraction never borrows).
+    constexpr uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
+    uint64_t prefix = (z >> 7) * kOnes;
+    uint64_t reached = ((prefix | kHigh) - kOnes * k) & kHigh;
+    return static_cast<uint32_t>(std::countr_zero(reached)) / 8;
+  } else {
+    while (--k) z &= ~(uint64_t(1) << (63 - std::countl_zero(z)));
+    return static_cast<uint32_t>(std::countl_zero(z)) / 8;
+  }
+}
+
+// Offset just past the n-th string terminator from offset, never past end.
+inline uint32_t SkipStrings(const uint8_t *data, uint32_t offset, uint32_t n, uint32_t end) {
+  while (n > 0 && offset + 8 <= end) {
+    uint64_t z = ZeroBytes(data + offset);
+    uint32_t count = CountZeros(z);
+    if (count >= n) return offset + NthZero(z, n) + 1;
+    n -= count;
+    offset += 8;
+  }
+  for (; n > 0 && offset < end; --n) {
+    while (offset < end && data[offset] != 0) ++offset;
+    if (offset < end) ++offset;
+  }
+  return offset;
+}
 // Length without terminator of the string at p, a string of the header's
 // data block; never reaches past the data in use.
 uint32_t TableStringLength(const uint8_t *header, const uint8_t *p);

@@ -194,6 +194,31 @@ TEST(TableObject, FieldsInAnyOrderMatchAScanFromTheStart) {
   }
 }
 
+TEST(TableObject, WordWisePositioningAgreesWithAByteScan) {
+  // Strings of 0 to 12 bytes, so that terminators fall anywhere in a word,
+  // several to a word or none; and ends that cut the data anywhere.
+  std::mt19937 rng(99);
+  std::string data;
+  while (data.size() < 600) {
+    data.append(rng() % 13, static_cast<char>('a' + rng() % 26));
+    data.push_back('\0');
+  }
+  const auto *p = reinterpret_cast<const uint8_t *>(data.data());
+  auto naive = [&](uint32_t offset, uint32_t n, uint32_t end) {
+    for (; n > 0 && offset < end; --n) {
+      while (offset < end && p[offset] != 0) ++offset;
+      if (offset < end) ++offset;
+    }
+    return offset;
+  };
+  for (int i = 0; i < 20000; ++i) {
+    uint32_t end = rng() % (data.size() + 1);
+    uint32_t offset = end ? rng() % end : 0;
+    uint32_t n = rng() % 40;
+    ASSERT_EQ(coll::SkipStrings(p, offset, n, end), naive(offset, n, end)) << offset << " " << n << " " << end;
+  }
+}
+
 TEST(TableObject, AddressingForms) {
   HTABLE t = MakeTable(3, 2);
   for (int k = 0; k < 5; ++k)

@@ -336,6 +336,37 @@ TEST(AllocFailure, Clipboard) {
   });
 }
 
+// Dumps and loads in both forms, and a table loaded from a dump.
+TEST(AllocFailure, DumpsAndLoads) {
+  ForEveryAllocation([] {
+    HCOLL h = collOpen("dumped");
+    HCOLL kid = collOpen("kid");
+    HTABLE t = tableCreate(2, 0);
+    if (h && kid && t) {
+      tableSetRow(t, uint32_t(ROW_NAMES), "A\0B", 4);
+      tableSetRow(t, uint32_t(ROW_APPEND), "1\0two", 6);
+      collSetTable(h, "tab", t);
+      collSetString(h, "s", "text");
+      collSetNumeric(kid, "n", 3);
+      collSetColl(h, "kid", kid);
+      char image[2048], hex[4096];
+      const uint32_t n = collDumpItems(h, image, sizeof image);
+      const uint32_t nh = collDumpItemsHex(h, hex, sizeof hex);
+      if (n) {
+        HTABLE loaded = 0;
+        EXPECT_KEEPS_ON_FAILURE(loaded = tableLoad(image, n, 0, 0, 0), 0u);
+        tableDestroy(loaded);
+        EXPECT_KEEPS_ON_FAILURE(collLoadItems(kid, image, n), 0u);
+      }
+      if (nh) EXPECT_KEEPS_ON_FAILURE(collLoadItemsHex(kid, hex, nh), 0u);
+      EXPECT_EQ(testutil::CheckState(), "");
+    }
+    tableDestroy(t);
+    collClose(kid);
+    collClose(h);
+  });
+}
+
 // What a process leaves when it ends: its collections and tables go.
 TEST(AllocFailure, TaskAbort) {
   ForEveryAllocation([] {

@@ -166,6 +166,10 @@ TEST_F(Boundary, BadCollectionHandles) {
       {"collRequestPropagate target", 0, [&](uint32_t x) { return collRequestPropagate(h, x, 1); }},
       {"collLock", 0, [](uint32_t x) { return collLock(x); }},
       {"collUnlock", 0, [](uint32_t x) { return collUnlock(x); }},
+      {"collDumpItems", 0, [&](uint32_t x) { return collDumpItems(x, buf, sizeof buf); }},
+      {"collDumpItemsHex", 0, [&](uint32_t x) { return collDumpItemsHex(x, buf, sizeof buf); }},
+      {"collLoadItems", 0, [](uint32_t x) { return collLoadItems(x, "\0\0\0\x06\xCE\0\0\0", 8); }},
+      {"collLoadItemsHex", 0, [](uint32_t x) { return collLoadItemsHex(x, "0000000600EC0000", 16); }},
   };
   Run(cases, BadCollHandles());
   // The catalog is refused as the destination of the setters (numbers are
@@ -300,11 +304,16 @@ TEST_F(Boundary, NullAndWildPointers) {
       {"tableGetColIndex", kNone, [&](uint32_t i) { return tableGetColIndex(t, P(i)); }},
       {"tableFindField", kNone, [&](uint32_t i) { return tableFindField(t, P(i), 3, 0, 1); }},
       {"tableFindAbbrev", kNone, [&](uint32_t i) { return tableFindAbbrev(t, P(i), 3, 0, 1); }},
+      {"tableLoad", 0, [&](uint32_t i) { return tableLoad(P(i), 100, 0, 0, 0); }},
       {"collOpen", 0, [&](uint32_t i) { return i ? collOpen(P(i)) : 0u; }},
       {"collOpenShared", 0, [&](uint32_t i) { return collOpenShared(P(i)); }},
       {"collOpenUnique", 0, [&](uint32_t i) { return collOpenUnique(P(i)); }},
       // (A null buffer with a size skips a name.)
       {"collGenerateNewName", 0, [&](uint32_t i) { return i ? collGenerateNewName(P(i), 80) : 0u; }},
+      {"collDumpItems", 0, [&](uint32_t i) { return collDumpItems(h, P(i), 4000); }},
+      {"collDumpItemsHex", 0, [&](uint32_t i) { return collDumpItemsHex(h, P(i), 8000); }},
+      {"collLoadItems", 0, [&](uint32_t i) { return collLoadItems(h, P(i), 100); }},
+      {"collLoadItemsHex", 0, [&](uint32_t i) { return collLoadItemsHex(h, P(i), 100); }},
   };
   Run(cases, {0, 1, 2});
 }
@@ -325,6 +334,8 @@ TEST_F(Boundary, SmallSizesWriteNothingPastTheBuffer) {
       {"tableGetField", [&](char *b, uint32_t s) { return tableGetField(t, ROW_HEADER, 1, b, s); }},
       {"tableGetRow", [&](char *b, uint32_t s) { return tableGetRow(t, uint32_t(ROW_NAMES), b, s); }},
       {"collGenerateNewName", [&](char *b, uint32_t s) { return s ? 0u : collGenerateNewName(b, s); }},
+      {"collDumpItems", [&](char *b, uint32_t s) { return collDumpItems(h, b, s); }},
+      {"collDumpItemsHex", [&](char *b, uint32_t s) { return collDumpItemsHex(h, b, s); }},
   };
   for (const auto &[name, get] : getters) {
     for (uint32_t size : {0u, 1u, 2u}) {
@@ -339,6 +350,9 @@ TEST_F(Boundary, SmallSizesWriteNothingPastTheBuffer) {
   // A wild buffer with size 0 is never touched.
   EXPECT_NE(collGetItem(h, "raw", reinterpret_cast<void *>(0x10), 0), 0u);
   EXPECT_EQ(tableSetRow(t, 0, "a\0b", 0), 0u);
+  EXPECT_EQ(collLoadItems(h, "", 0), 0u);
+  EXPECT_EQ(collLoadItemsHex(h, "", 0), 0u);
+  EXPECT_EQ(tableLoad("", 0, 0, 0, 0), 0u);
 }
 
 }  // namespace

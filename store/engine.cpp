@@ -280,7 +280,40 @@ uint8_t *DupColl(uint8_t *copy, uint32_t hNewOwner) {
   return copy;
 }
 
+// Destroys the object a refused copy made for hOwner, unless the lock was
+// released meanwhile and it went with its owner (its handle may then name
+// something else) or an item of hOwner names it.
+void DropUnstoredCopy(Owned made, uint32_t hOwner) {
+  if (made.type == COLLTYPE_TABLE) {
+    const uint8_t *hdr = GetTablePtr(made.handle);
+    if (!hdr || TableOwner(hdr) != hOwner) return;
+  } else if (made.type == COLLTYPE_COLL) {
+    const uint8_t *img = GetCollPtr(made.handle);
+    if (!img || CollOwner(img) != hOwner) return;
+  } else {
+    return;
+  }
+  if (uint8_t *img = GetCollPtr(hOwner)) {
+    ItemCursor cur;
+    for (uint32_t p = 0; p < CollDataLength(img) && ItemAt(img, p, &cur); p = NextItemOffset(cur)) {
+      Owned named = OwnedBy(cur.block);
+      if (named.type == made.type && named.handle == made.handle) return;
+    }
+  }
+  if (made.type == COLLTYPE_TABLE)
+    DestroyTableHandle(made.handle);
+  else
+    DestroyCollHandle(made.handle);
+}
+
 }  // namespace
+
+uint32_t SetItemCopy(uint32_t hColl, const char *tag, uint32_t n, uint8_t *copy, uint32_t communicate) {
+  const Owned made = copy ? OwnedBy(copy) : Owned{};
+  if (SetItemN(hColl, tag, n, copy, communicate)) return 1;
+  DropUnstoredCopy(made, hColl);
+  return 0;
+}
 
 uint8_t *DupItem(const uint8_t *block, uint32_t hNewOwner) {
   uint32_t len = BlockLength(block);

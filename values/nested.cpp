@@ -83,7 +83,7 @@ uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, bool intoNew) 
     // A value that cannot be copied arrives as no block: a merge deletes the
     // tag and goes on, a new copy fails as a whole.
     uint8_t *copy = StillOwned(cur.block, hSource) ? DupItem(cur.block, hDest) : nullptr;
-    if ((!copy && intoNew) || !SetItemN(hDest, tag, cur.t, copy, intoNew ? 0 : 1)) {
+    if ((!copy && intoNew) || !SetItemCopy(hDest, tag, cur.t, copy, intoNew ? 0 : 1)) {
       result = 0;
       break;
     }

@@ -2,8 +2,6 @@
 #ifndef COLL_TESTS_CONSISTENCY_H
 #define COLL_TESTS_CONSISTENCY_H
 
-#include <gtest/gtest.h>
-
 #include <string>
 
 namespace testutil {
@@ -34,7 +32,8 @@ std::string SnapshotDiff(const std::string &before, const std::string &after);
 
 }  // namespace testutil
 
-// Runs call; when it returns failure, nothing may have changed.
+// Runs call; when it returns failure, nothing may have changed (for tests,
+// which include gtest).
 #define EXPECT_KEEPS_ON_FAILURE(call, failure)                                  \
   do {                                                                          \
     const std::string before_ = testutil::Snapshot();                           \

@@ -25,7 +25,7 @@
 namespace {
 
 constexpr int kThreads = 4;
-constexpr int kOperations = 600;  // per thread
+constexpr int kOperations = 2000;  // per thread
 constexpr int kPool = 6;
 
 const char *const kTags[] = {"a", "b", "c", "kid", "tab"};

@@ -226,8 +226,13 @@ void EmptyCollection(uint32_t hColl, uint32_t communicate) {
 
 namespace {
 
+// A copy is made only for a live owner: a handle that names nothing now
+// would let the copy be owned by whatever takes its slot next (the copy of a
+// collection could even take it and own itself).
+bool OwnerLives(uint32_t hNewOwner) { return hNewOwner == 0 || GetCollPtr(hNewOwner) != nullptr; }
+
 uint8_t *DupTable(uint8_t *copy, uint32_t hNewOwner) {
-  uint8_t *src = GetTablePtr(rd32(BlockData(copy)));
+  uint8_t *src = OwnerLives(hNewOwner) ? GetTablePtr(rd32(BlockData(copy))) : nullptr;
   uint8_t *hdr = src ? static_cast<uint8_t *>(collAllocPtr(TABLE_HEADER_SIZE)) : nullptr;
   if (!hdr) {
     collFreePtr(copy);
@@ -250,6 +255,8 @@ uint8_t *DupTable(uint8_t *copy, uint32_t hNewOwner) {
 uint8_t *DupColl(uint8_t *copy, uint32_t hNewOwner) {
   uint32_t hSource = rd32(BlockData(copy));
   uint8_t *src = AccessColl(hSource);
+  // (Resolving the source may have waited, and the owner gone meanwhile.)
+  if (!OwnerLives(hNewOwner)) src = nullptr;
   // The source's items are copied from a snapshot: storing into the child
   // may release the lock, after which the source image could have moved.
   uint32_t count = src ? CollItemCount(src) : 0;

@@ -125,6 +125,18 @@ std::string CheckState() {
     if (refs[i] && !rec.data) return "data record " + std::to_string(i) + " in use without data";
     if (!refs[i] && rec.data) return "data record " + std::to_string(i) + " holds data but no header";
   }
+  // Every chain of owners ends at a top-level collection: no collection owns
+  // itself, directly or through others.
+  for (uint32_t slot = 1; slot < kSlots; ++slot) {
+    if (!ps->collPtrs[slot]) continue;
+    uint32_t h = kCollBase + slot;
+    for (uint32_t steps = 0; h != 0; ++steps) {
+      const uint8_t *img = GetCollPtr(h);
+      if (!img) return "collection " + Hex(kCollBase + slot) + ": owner " + Hex(h) + " is gone";
+      if (steps > kSlots) return "collection " + Hex(kCollBase + slot) + " is its own owner";
+      h = CollOwner(img);
+    }
+  }
   // Every owned object is named by exactly one item of its owner.
   for (uint32_t slot = 1; slot < kSlots; ++slot) {
     if (uint8_t *img = ps->collPtrs[slot]; img && CollOwner(img) != 0 && collNamed[slot] != 1)

@@ -11,8 +11,8 @@ namespace testutil {
 //  - each collection image: the item walk ends at dataLength, itemCount
 //    agrees, cache entries point at tags, pages hold the data;
 //  - each table or collection item names a live object owned by that
-//    collection, and each owned object is named by exactly one item of its
-//    owner;
+//    collection, each owned object is named by exactly one item of its
+//    owner, and every chain of owners ends at a top-level collection;
 //  - each table header passes isBadTablePtr, and its cols + rows * cols + 5
 //    strings lie within its data length;
 //  - each table data record's reference count equals the number of live

@@ -19,6 +19,8 @@
 #include "coll.h"
 #include "coll_host.h"
 #include "tests/consistency.h"
+#include "store/store.h"
+#include "tables/table.h"
 #include "tests/listener.h"
 #include "tests/test_util.h"
 
@@ -64,6 +66,7 @@ struct World {
   std::atomic<uint32_t> colls[kPool];
   std::atomic<uint32_t> tables[kPool];
   uint32_t windows[2] = {};
+  std::atomic<int> stored{0};  // successful stores, to tell that work was done
 };
 
 void *Allocate(uint32_t size) { return collAlloc(size); }
@@ -90,7 +93,7 @@ class Runner {
     uint32_t length = 0;
     switch (Pick(20)) {
       case 0:
-        collSetString(Coll(), Tag(), Value().c_str());
+        if (collSetString(Coll(), Tag(), Value().c_str())) ++w_->stored;
         break;
       case 1:
         collSetNumeric(Coll(), Tag(), int32_t(Pick(100)));
@@ -170,7 +173,7 @@ class Runner {
         // A transaction touches only its own collection.
         uint32_t h = Coll();
         if (collLock(h)) {
-          collSetString(h, Tag(), Value().c_str());
+          if (collSetString(h, Tag(), Value().c_str())) ++w_->stored;
           collSetItem(h, Tag(), "", 0);
           collSetNumeric(h, Tag(), 1);
           collUnlock(h);
@@ -266,6 +269,8 @@ TEST(StressThreads, EveryKindOfCallAtOnce) {
     for (std::thread &t : threads) t.join();
   }
   EXPECT_EQ(testutil::CheckState(), "");
+  EXPECT_GT(world.stored.load(), kThreads * kOperations / 40);
+  EXPECT_GT(first.count() + second.count(), 0u);
   first.onMessage = nullptr;
   second.onMessage = nullptr;
   for (int i = 0; i < kPool; ++i) {
@@ -278,6 +283,13 @@ TEST(StressThreads, EveryKindOfCallAtOnce) {
   uint32_t handles[8];
   EXPECT_EQ(collGetNonSharedHandles(handles, sizeof handles), 0u);
   EXPECT_EQ(collGetTableHandles(handles, sizeof handles), 0u);
+  {
+    coll::LockGuard lock;
+    for (uint32_t i = 1; i < 255; ++i) {
+      if (coll::ps->tablePtrs[i]) fprintf(stderr, "DIAG table %x owner %x\n", 0x8000 + i, coll::TableOwner(coll::ps->tablePtrs[i]));
+      if (coll::ps->collPtrs[i]) fprintf(stderr, "DIAG coll %x owner %x share %u name %s items %u\n", 0x4000 + i, coll::CollOwner(coll::ps->collPtrs[i]), coll::CollShareCount(coll::ps->collPtrs[i]), (char*)coll::ps->collPtrs[i] + 14, coll::CollItemCount(coll::ps->collPtrs[i]));
+    }
+  }
 }
 
 }  // namespace

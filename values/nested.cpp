@@ -124,7 +124,9 @@ COLL_API(uint32_t) collSetColl(uint32_t hColl, const char *tag, uint32_t hSource
   LockGuard lock;
   if (!AccessColl(hSource) || !AccessColl(hColl)) return 0;
   uint8_t *src = AccessColl(hSource);
-  if (!src) return 0;
+  // Resolving the source may have waited: the child is made only while its
+  // owner lives, or it could take the owner's slot and own itself.
+  if (!src || !GetCollPtr(hColl)) return 0;
   uint32_t child = InternalCollCreate(hColl);
   if (!child) return 0;
   SetCollName(GetCollPtr(child), reinterpret_cast<const char *>(src + ch::name), CollNameLength(src));

@@ -144,9 +144,11 @@ uint32_t SetItemEx(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, 
         std::memcpy(items + p + 2, tag, n);
         std::memcpy(stored, block, b);
       }
+      const Owned now = OwnedBy(block);
       ReleaseItem(block, owned);
-      // An identical value still names the object it owned: keep it.
-      if (valueChanged) CollOrTableCheck(old, communicate);
+      // A value that still names the object it owned (the same value, maybe
+      // only marked for a transaction now) keeps it.
+      if (valueChanged && (now.type != old.type || now.handle != old.handle)) CollOrTableCheck(old, communicate);
       if (changed && communicate) {
         img = AccessColl(hColl);
         if (img && CollLockThread(img) == 0) CommunicateChange(hColl, tag, n);

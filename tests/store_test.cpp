@@ -372,6 +372,29 @@ TEST(Collections, MergeIntoACollectionClosedMeanwhile) {
   EXPECT_EQ(collGetTableHandles(tables, sizeof tables), 0u);
 }
 
+// Renaming a table or collection item to the same tag in other letters
+// rewrites the same value in place; inside a transaction the rewritten value
+// is marked, and it must still own its table or collection.
+TEST(Collections, RenameLetterCaseInATransactionKeepsWhatTheItemOwns) {
+  uint32_t h = collOpen(nullptr), kid = collOpen(nullptr);
+  HTABLE t = tableCreate(1, 0);
+  collSetItem(kid, "x", "1", 1);
+  ASSERT_TRUE(collSetTable(h, "tab", t));
+  ASSERT_TRUE(collSetColl(h, "kid", kid));
+  ASSERT_EQ(collLock(h), 1u);
+  EXPECT_EQ(collRenameTag(h, "tab", "TAB"), 1u);
+  EXPECT_EQ(collRenameTag(h, "kid", "Kid"), 1u);
+  EXPECT_EQ(testutil::CheckState(), "");
+  EXPECT_EQ(collTableColCount(h, "tab"), 1u);
+  EXPECT_EQ(collUnlock(h), 1u);
+  EXPECT_EQ(Tags(h), "TAB,Kid");
+  uint32_t copy = collGetColl(h, "kid");
+  EXPECT_EQ(Item(copy, "x"), "1");
+  for (uint32_t c : {h, kid, copy}) collClose(c);
+  tableDestroy(t);
+  EXPECT_EQ(testutil::CheckState(), "");
+}
+
 TEST(Collections, CloseSharedCountsDownThenRemovesTheCatalogEntry) {
   uint32_t h = collOpen("shared one");
   {

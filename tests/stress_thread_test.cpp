@@ -19,8 +19,6 @@
 #include "coll.h"
 #include "coll_host.h"
 #include "tests/consistency.h"
-#include "store/store.h"
-#include "tables/table.h"
 #include "tests/listener.h"
 #include "tests/test_util.h"
 
@@ -283,13 +281,6 @@ TEST(StressThreads, EveryKindOfCallAtOnce) {
   uint32_t handles[8];
   EXPECT_EQ(collGetNonSharedHandles(handles, sizeof handles), 0u);
   EXPECT_EQ(collGetTableHandles(handles, sizeof handles), 0u);
-  {
-    coll::LockGuard lock;
-    for (uint32_t i = 1; i < 255; ++i) {
-      if (coll::ps->tablePtrs[i]) fprintf(stderr, "DIAG table %x owner %x\n", 0x8000 + i, coll::TableOwner(coll::ps->tablePtrs[i]));
-      if (coll::ps->collPtrs[i]) fprintf(stderr, "DIAG coll %x owner %x share %u name %s items %u\n", 0x4000 + i, coll::CollOwner(coll::ps->collPtrs[i]), coll::CollShareCount(coll::ps->collPtrs[i]), (char*)coll::ps->collPtrs[i] + 14, coll::CollItemCount(coll::ps->collPtrs[i]));
-    }
-  }
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "coll.h"
 #include "coll_host.h"
+#include "platform/platform.h"
 #include "tests/consistency.h"
 #include "tests/listener.h"
 #include "tests/test_util.h"
@@ -316,6 +317,36 @@ TEST_F(Boundary, NullAndWildPointers) {
       {"collLoadItemsHex", 0, [&](uint32_t i) { return collLoadItemsHex(h, P(i), 100); }},
   };
   Run(cases, {0, 1, 2});
+}
+
+// Arguments that are well formed but name nothing the call can use.
+TEST_F(Boundary, RefusedArguments) {
+  const uint32_t pid = platform::CurrentProcessId();
+  std::vector<Case> cases = {
+      {"tableCreate without columns", 0, [](uint32_t) { return tableCreate(0, 0); }},
+      {"collRequestAdvice of no window", 0, [&](uint32_t w) { return collRequestAdvice(h, w, 1); }},
+      // (Window 0 with on 0 asks only whether the handle is good.)
+      {"collRequestAdvice off for no window", 0, [&](uint32_t w) { return w ? collRequestAdvice(h, w, 0) : 0u; }},
+      {"collRequestPropagate to itself", 0, [&](uint32_t) { return collRequestPropagate(h, h, 1); }},
+      {"collRequestPropagate to none", 0, [&](uint32_t) { return collRequestPropagate(h, 0, 1); }},
+      {"collSetColl into itself", 0, [&](uint32_t) { return collSetColl(h, "self", h); }},
+      {"collTaskAbort of another process", 0, [&](uint32_t p) { collTaskAbort(p); return 0u; }},
+      {"collGetColl of a table item", 0, [&](uint32_t) { return collGetColl(h, "tab"); }},
+      {"collGetTable of a text item", 0, [&](uint32_t) { return collGetTable(h, "str"); }},
+      {"collTableRowCount of a nested item", kNone, [&](uint32_t) { return collTableRowCount(h, "kid"); }},
+      {"collGetItem of a number", 0, [&](uint32_t) { return collGetItem(h, "num", buf, sizeof buf); }},
+      {"collRenameTag to an empty tag", 0, [&](uint32_t) { return collRenameTag(h, "str", ""); }},
+      {"collSetItem with an empty tag", 0, [&](uint32_t) { return collSetItem(h, "", "x", 1); }},
+      {"tableLoad of a wild image", 0,
+       [&](uint32_t) { return tableLoad(reinterpret_cast<void *>(0x10), 0xFFFFFFFF, 0, 0, 0); }},
+      {"collLoadItems of a wild image", 0,
+       [&](uint32_t) { return collLoadItems(h, reinterpret_cast<void *>(0x10), 0xFFFFFFFF); }},
+      {"collDumpItems into a wild buffer", 0,
+       [&](uint32_t) { return collDumpItems(h, reinterpret_cast<void *>(0x10), 0xFFFFFFFF); }},
+  };
+  Run(cases, {0, 0xFFFF, 0xFFFFFFFF, pid + 1});
+  collFree(nullptr);
+  collFree(collAlloc(0));
 }
 
 // Getters never write at or past size, whatever it is; size 0 asks only.

@@ -21,6 +21,13 @@ constexpr uint32_t kNone = 0xFFFFFFFFu;
 
 void *Allocate(uint32_t size) { return collAlloc(size); }
 
+// 1 for a buffer from an obtain function (freed here), else the length the
+// function set.
+uint32_t Obtained(void *buffer, const uint32_t *length) {
+  collFree(buffer);
+  return buffer ? 1u : *length;
+}
+
 // A collection holding an item of every kind, a free-standing table with two
 // rows, and handles of a destroyed collection and a destroyed table.
 class Boundary : public ::testing::Test {
@@ -120,24 +127,14 @@ TEST_F(Boundary, BadCollectionHandles) {
       {"collSetItem", 0, [](uint32_t x) { return collSetItem(x, "a", "b", 1); }},
       {"collGetItem", 0, [&](uint32_t x) { return collGetItem(x, "raw", buf, sizeof buf); }},
       {"collObtainItem", 0,
-       [&](uint32_t x) {
-         length = 7;
-         void *p = collObtainItem(x, "raw", Allocate, &length);
-         collFree(p);
-         return p ? 1u : length;
-       }},
+       [&](uint32_t x) { return length = 7, Obtained(collObtainItem(x, "raw", Allocate, &length), &length); }},
       {"collCompare", kNone, [](uint32_t x) { return uint32_t(collCompare(x, "str", "hello", 5)); }},
       {"collSetNumeric", 0, [](uint32_t x) { return collSetNumeric(x, "n", 1); }},
       {"collGetNumeric", 0, [](uint32_t x) { return uint32_t(collGetNumeric(x, "num")); }},
       {"collSetString", 0, [](uint32_t x) { return collSetString(x, "s", "v"); }},
       {"collGetString", 0, [&](uint32_t x) { return collGetString(x, "str", buf, sizeof buf); }},
       {"collObtainString", 0,
-       [&](uint32_t x) {
-         length = 7;
-         char *p = collObtainString(x, "str", Allocate, &length);
-         collFree(p);
-         return p ? 1u : length;
-       }},
+       [&](uint32_t x) { return length = 7, Obtained(collObtainString(x, "str", Allocate, &length), &length); }},
       {"collSetTime", 0, [](uint32_t x) { return collSetTime(x, "tm", 1); }},
       {"collGetTime", 0, [&](uint32_t x) { return collGetTime(x, "time", &time); }},
       {"collSetColl into", 0, [&](uint32_t x) { return collSetColl(x, "k", other); }},

@@ -319,6 +319,11 @@ TEST(Collections, RenameSemantics) {
   EXPECT_EQ(Tags(h), "B,c");
 }
 
+uint32_t LiveTables() {
+  uint32_t tables[4];
+  return collGetTableHandles(tables, sizeof tables);
+}
+
 // A copy that the store refuses takes the table or collection it made with
 // it: nothing is left owned by the collection but named by none of its items.
 TEST(Collections, RefusedCopiesLeaveNoOrphans) {
@@ -349,8 +354,7 @@ TEST(Collections, RefusedCopiesLeaveNoOrphans) {
   EXPECT_EQ(testutil::CheckState(), "");
   for (uint32_t c : {h, kid, full, src}) collClose(c);
   tableDestroy(t);
-  uint32_t tables[4];
-  EXPECT_EQ(collGetTableHandles(tables, sizeof tables), 0u);
+  EXPECT_EQ(LiveTables(), 0u);
 }
 
 // A merge whose destination goes while a change is told: the values copied
@@ -368,8 +372,7 @@ TEST(Collections, MergeIntoACollectionClosedMeanwhile) {
   EXPECT_EQ(testutil::CheckState(), "");
   collClose(src);
   tableDestroy(t);
-  uint32_t tables[4];
-  EXPECT_EQ(collGetTableHandles(tables, sizeof tables), 0u);
+  EXPECT_EQ(LiveTables(), 0u);
 }
 
 // Renaming a table or collection item to the same tag in other letters

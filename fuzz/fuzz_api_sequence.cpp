@@ -1,9 +1,10 @@
 // fuzz_api_sequence.cpp - the input is read as a sequence of calls on three
 // collections and two tables: stores, copies, nesting, merges, renames,
 // tables in and out of collections, row changes, copy on write, propagation,
-// advice to a window that reads back, transactions, dumps and loads. After
-// every call the whole state must pass the consistency check; at the end
-// nothing may be left behind.
+// advice to a window that reads back, transactions, dumps and loads; any
+// call may be told to meet a failing allocation. After every call the whole
+// state must pass the consistency check; at the end nothing may be left
+// behind.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -11,6 +12,7 @@
 #include "coll.h"
 #include "coll_host.h"
 #include "fuzz/fuzz_util.h"
+#include "platform/platform.h"
 #include "tests/consistency.h"
 
 namespace {
@@ -67,13 +69,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   HCOLL c[3] = {};
   HTABLE t[2] = {};
   char buf[300];
+  uint32_t failAt = 0;  // the next call's allocation that fails (0: none)
   for (int steps = 0; in.more() && steps < 400; ++steps) {
     const uint8_t op = in.byte();
+    if (op % 29 == 28) {
+      failAt = in.byte() % 16 + 1u;
+      continue;
+    }
+    platform::FailAllocation(failAt);
+    failAt = 0;
     HCOLL &x = c[in.byte() % 3];
     HCOLL y = c[in.byte() % 3];
     HTABLE &u = t[in.byte() % 2];
     const char *tag = kTags[in.byte() % 5];
-    switch (op % 28) {
+    switch (op % 29) {
       case 0:
         collClose(x);
         x = collOpen(in.text().c_str());
@@ -187,6 +196,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         tableCompare(t[0], t[1], 0, 0);
         break;
     }
+    platform::FailAllocation(0);
     Check();
   }
   for (HCOLL h : c) {

@@ -233,9 +233,21 @@ TEST(AllocFailure, TablesAndCopyOnWrite) {
 TEST(AllocFailure, ReadersAndNames) {
   ForEveryAllocation([] {
     HCOLL h = collOpen("readers");
-    if (!h) return;
+    HCOLL bystander = collOpen("bystander");
+    if (!h || !bystander) {
+      collClose(h);
+      collClose(bystander);
+      return;
+    }
+    collSetString(bystander, "text", "other");
     EXPECT_KEEPS_ON_FAILURE(collSetItem(h, "raw", "abc", 3), kFail);
     EXPECT_KEEPS_ON_FAILURE(collSetString(h, "text", "hello"), kFail);
+    // Whatever the result, only the collection stored into changes.
+    EXPECT_CHANGES_ONLY(collSetString(h, "text", "a longer text than before"), h);
+    EXPECT_CHANGES_ONLY(collSetNumeric(h, "num", 12), h);
+    EXPECT_CHANGES_ONLY(collRenameTag(h, "num", "number"), h);
+    EXPECT_CHANGES_ONLY(collCopyItem(h, bystander, "text"), h);
+    EXPECT_CHANGES_ONLY(collMerge(h, bystander), h);
     uint32_t length = 0;
     void *raw = collObtainItem(h, "raw", Allocate, &length);
     collFree(raw);
@@ -258,6 +270,7 @@ TEST(AllocFailure, ReadersAndNames) {
     std::string out(4096, '\0');
     collSubstitute(h, templ.c_str(), out.data(), uint32_t(out.size()));
     EXPECT_EQ(testutil::CheckState(), "");
+    collClose(bystander);
     collClose(h);
   });
 }

@@ -149,12 +149,12 @@ std::string CheckState() {
   return {};
 }
 
-std::string Snapshot() {
+std::string Snapshot(uint32_t except) {
   LockGuard lock;
   std::string out;
   for (uint32_t slot = 1; slot < kSlots; ++slot) {
     const uint8_t *img = ps->collPtrs[slot];
-    if (!img) continue;
+    if (!img || kCollBase + slot == except) continue;
     out += "C" + Hex(kCollBase + slot);
     out.append(reinterpret_cast<const char *>(img), ch::tagCache);
     out.append(reinterpret_cast<const char *>(CollItems(img)), CollDataLength(img));

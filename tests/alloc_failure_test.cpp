@@ -153,7 +153,6 @@ TEST(AllocFailure, TypedValues) {
 }
 
 constexpr uint32_t kFail = 0;
-constexpr uint32_t kNone = 0xFFFFFFFFu;
 
 void *Allocate(uint32_t size) { return collAlloc(size); }
 

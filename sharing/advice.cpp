@@ -167,6 +167,9 @@ void CommunicateChange(uint32_t hColl, const char *tag, uint32_t n) {
     CommunicateInChain(hColl, tag, n, t_chain);
     return;
   }
+  // Most collections have nobody to tell: no chain to start then.
+  const uint8_t *img = GetCollPtr(hColl);
+  if (!img || (Entry(img, ch::adviceTarget, 0) == 0 && Entry(img, ch::propTarget, 0) == 0)) return;
   ChangeChain chain{};
   t_chain = &chain;
   CommunicateInChain(hColl, tag, n, &chain);

@@ -122,14 +122,25 @@ void DeleteFromCache(uint8_t *img, uint32_t c) {
 }
 
 // Walks the items for tag; gives the item's cursor. Bounds are tested at
-// every step, so a damaged image reads as "not found".
+// every step, so a damaged image reads as "not found". Tags often share
+// their beginnings ("item1", "item2", ...), so a candidate of the right
+// length is screened by its last character before the full comparison.
 static bool WalkFor(uint8_t *img, const char *tag, uint32_t n, ItemCursor *cur) {
-  uint32_t count = CollItemCount(img);
+  if (n == 0) return false;
+  const uint32_t count = CollItemCount(img);
+  const uint32_t dl = CollDataLength(img);
+  const uint8_t *items = CollItems(img);
+  const uint8_t last = AsciiLower(static_cast<uint8_t>(tag[n - 1]));
   uint32_t p = 0;
   for (uint32_t i = 0; i < count; ++i) {
-    if (!ItemAt(img, p, cur)) return false;
-    if (cur->t == n && AsciiEqualN(cur->tag, tag, n)) return true;
-    p = NextItemOffset(*cur);
+    if (p + 4 > dl) return false;
+    const uint32_t t = rd16(items + p);
+    if (t > dl - p - 4) return false;
+    if (t == n && AsciiLower(items[p + 1 + t]) == last && AsciiEqualN(items + p + 2, tag, n))
+      return ItemAt(img, p, cur);
+    const uint32_t b = rd16(items + p + 2 + t);
+    if (b > dl - p - 4 - t) return false;
+    p += 4 + t + b;
   }
   return false;
 }

@@ -156,6 +156,17 @@ constexpr uint32_t kFail = 0;
 
 void *Allocate(uint32_t size) { return collAlloc(size); }
 
+// Every row of a table as packed rows joined by '|' (reads allocate nothing).
+std::string Rows(HTABLE t) {
+  std::string out;
+  char buf[2048];
+  for (uint32_t r = 0, n = tableRowCount(t); n != 0xFFFFFFFFu && r < n; ++r) {
+    const uint32_t len = tableGetRow(t, r, buf, sizeof buf);
+    out.append(buf, len <= sizeof buf ? len : 0).append("|");
+  }
+  return out;
+}
+
 // Tables: rows, fields, copy on write, comparison, and tables held in
 // collections with their readers.
 TEST(AllocFailure, TablesAndCopyOnWrite) {
@@ -170,6 +181,7 @@ TEST(AllocFailure, TablesAndCopyOnWrite) {
     EXPECT_KEEPS_ON_FAILURE(tableSetRow(t, uint32_t(ROW_ATTRIBUTES), "a\0b\0c\0d\0e", 10), kFail);
     HTABLE copy = 0;
     EXPECT_KEEPS_ON_FAILURE(copy = tableCopy(t, 0), kFail);
+    if (copy) { EXPECT_EQ(Rows(copy), Rows(t)); }
     // Every change through a sharer leaves the other's data as it was.
     const uint32_t rows = tableRowCount(t);
     EXPECT_KEEPS_ON_FAILURE(tableSetItem(copy, 0, 0, "changed"), kFail);
@@ -201,9 +213,11 @@ TEST(AllocFailure, TablesAndCopyOnWrite) {
       // (A failed store keeps the columns stored before it.)
       tableDataToCollection(t, c);
       EXPECT_KEEPS_ON_FAILURE(collSetTable(c, "t", t), kFail);
+      if (collGetType(c, "t") == COLLTYPE_TABLE) { EXPECT_EQ(collTableRowCount(c, "t"), tableRowCount(t)); }
       EXPECT_KEEPS_ON_FAILURE(collSetTable(c, "u", copy), kFail);
       HTABLE out = 0;
       EXPECT_KEEPS_ON_FAILURE(out = collGetTable(c, "t"), kFail);
+      if (out) { EXPECT_EQ(Rows(out), Rows(t)); }
       tableDestroy(out);
       collTableRowCount(c, "t");
       collTableColCount(c, "t");
@@ -219,6 +233,9 @@ TEST(AllocFailure, TablesAndCopyOnWrite) {
       if (d) collTableDataToCollection(d, c, "t");
       // A copy of the collection copies its tables.
       if (d) EXPECT_KEEPS_ON_FAILURE(collCopyItem(d, c, "u"), kFail);
+      if (d && collGetType(c, "u") == COLLTYPE_TABLE && collGetType(d, "u") != 0) {
+        EXPECT_EQ(collTableColCount(d, "u"), 3u);
+      }
       EXPECT_EQ(testutil::CheckState(), "");
       collClose(d);
     }

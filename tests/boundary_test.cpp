@@ -321,6 +321,8 @@ TEST_F(Boundary, RefusedArguments) {
   const uint32_t pid = platform::CurrentProcessId();
   std::vector<Case> cases = {
       {"tableCreate without columns", 0, [](uint32_t) { return tableCreate(0, 0); }},
+      // (The clipboard holds "kept": a text without a line end.)
+      {"tableDataFromClipboard", 0, [](uint32_t w) { return tableDataFromClipboard(w); }},
       {"collRequestAdvice of no window", 0, [&](uint32_t w) { return collRequestAdvice(h, w, 1); }},
       // (Window 0 with on 0 asks only whether the handle is good.)
       {"collRequestAdvice off for no window", 0, [&](uint32_t w) { return w ? collRequestAdvice(h, w, 0) : 0u; }},

@@ -25,8 +25,8 @@
 
 /* Marks the library's exported functions. */
 #if defined(_WIN32)
-#if defined(COLL_BUILDING)
-#define COLL_EXPORT __declspec(dllexport)
+#if defined(COLL_BUILDING) || defined(COLL_STATIC)
+#define COLL_EXPORT /* the DLL's module-definition file lists its exports */
 #else
 #define COLL_EXPORT __declspec(dllimport)
 #endif

@@ -7,6 +7,7 @@
 #ifndef COLL_HPP
 #define COLL_HPP
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -142,8 +143,14 @@ class Collection {
   bool SetCollection(std::string_view tag, const Collection &source) {
     return collSetColl(h_, detail::CStr(tag), source.h_) != 0;
   }
-  // A new top-level copy of the nested collection; empty when there is none.
-  Collection GetCollection(std::string_view tag) const { return Collection(collGetColl(h_, detail::CStr(tag))); }
+  // A new top-level copy of the nested collection; an empty Collection (no
+  // handle) when the item is missing or not a collection. (collGetColl
+  // itself gives a new empty collection for a missing tag.)
+  Collection GetCollection(std::string_view tag) const {
+    detail::CStr t(tag);
+    if (collGetType(h_, t) != COLLTYPE_COLL) return Collection();
+    return Collection(collGetColl(h_, t));
+  }
   inline bool SetTable(std::string_view tag, const Table &table);
   inline Table GetTable(std::string_view tag) const;
 
@@ -273,13 +280,14 @@ class Table {
   bool Select(uint32_t row) { return tableSetSelection(h_, row) != 0; }
   // The first row at or after start whose field in column equals text
   // without regard to case (FindPrefix: begins with text).
+  // An empty text matches an empty field (Find) or any field (FindPrefix).
   std::optional<uint32_t> Find(std::string_view text, uint32_t column, uint32_t start = 0) const {
-    uint32_t r = tableFindField(h_, text.data(), static_cast<uint32_t>(text.size()), start, column);
+    uint32_t r = tableFindField(h_, Chars(text), static_cast<uint32_t>(text.size()), start, column);
     if (r == 0xFFFFFFFFu) return std::nullopt;
     return r;
   }
   std::optional<uint32_t> FindPrefix(std::string_view text, uint32_t column, uint32_t start = 0) const {
-    uint32_t r = tableFindAbbrev(h_, text.data(), static_cast<uint32_t>(text.size()), start, column);
+    uint32_t r = tableFindAbbrev(h_, Chars(text), static_cast<uint32_t>(text.size()), start, column);
     if (r == 0xFFFFFFFFu) return std::nullopt;
     return r;
   }
@@ -287,6 +295,8 @@ class Table {
 
  private:
   explicit Table(HTABLE h) : h_(h) {}
+  // The characters of a view, never null (an empty view may have no data).
+  static const char *Chars(std::string_view s) { return s.empty() ? "" : s.data(); }
   HTABLE h_ = 0;
 };
 

@@ -1,8 +1,10 @@
 // posix.cpp - the platform layer on Linux and other POSIX systems.
 //
-// Kernel services map onto their POSIX counterparts. Windows, the clipboard
-// and the initialisation file have no such counterpart; they are stand-ins
-// that the host program reaches through coll_host.h.
+// Kernel services map onto their POSIX counterparts (the atomic loads and
+// stores, run-once, the allocation-failure hook and the memory tests are in
+// common.cpp). Windows, the clipboard and the initialisation file have no such
+// counterpart; they are stand-ins that the host program reaches through
+// coll_host.h.
 #include "platform/platform.h"
 
 #include <linux/futex.h>
@@ -17,6 +19,7 @@
 #include <cstring>
 
 #include "coll_host.h"
+#include "platform/common.h"
 
 namespace platform {
 
@@ -24,9 +27,6 @@ namespace platform {
 
 int32_t InterlockedIncrement(int32_t *word) { return __atomic_add_fetch(word, 1, __ATOMIC_SEQ_CST); }
 int32_t InterlockedDecrement(int32_t *word) { return __atomic_sub_fetch(word, 1, __ATOMIC_SEQ_CST); }
-int32_t AtomicLoad(const int32_t *word) { return __atomic_load_n(word, __ATOMIC_SEQ_CST); }
-uint32_t AtomicLoad32(const uint32_t *word) { return __atomic_load_n(word, __ATOMIC_SEQ_CST); }
-void AtomicStore32(uint32_t *word, uint32_t value) { __atomic_store_n(word, value, __ATOMIC_SEQ_CST); }
 
 // ---------------------------------------------------------------- waiting
 
@@ -52,18 +52,6 @@ void SpinPause() {
 #endif
 }
 
-void CallOnce(OnceFlag *flag, void (*fn)()) {
-  if (__atomic_load_n(&flag->state, __ATOMIC_ACQUIRE) == 2) return;
-  int32_t expected = 0;
-  if (__atomic_compare_exchange_n(&flag->state, &expected, 1, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
-    fn();
-    __atomic_store_n(&flag->state, 2, __ATOMIC_RELEASE);
-    WakeAll(&flag->state);
-    return;
-  }
-  while (__atomic_load_n(&flag->state, __ATOMIC_ACQUIRE) != 2) WaitOnWord(&flag->state, 1, 10);
-}
-
 // ---------------------------------------------------------------- ids, time
 
 uint32_t CurrentThreadId() {
@@ -87,13 +75,7 @@ uint32_t ExecutableName(char *buffer, uint32_t size) {
   ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
   if (n <= 0) return 0;
   path[n] = 0;
-  const char *base = std::strrchr(path, '/');
-  base = base ? base + 1 : path;
-  size_t len = std::strlen(base);
-  if (len > size - 1) len = size - 1;
-  std::memcpy(buffer, base, len);
-  buffer[len] = 0;
-  return static_cast<uint32_t>(len);
+  return CopyFileName(path, '/', buffer, size);
 }
 
 bool LocalTime(uint32_t secondsSince1970, CivilTime *out) {
@@ -101,49 +83,17 @@ bool LocalTime(uint32_t secondsSince1970, CivilTime *out) {
   time_t t = static_cast<time_t>(secondsSince1970);
   struct tm tm;
   if (!localtime_r(&t, &tm)) return false;
-  out->year = tm.tm_year + 1900;
-  out->month = tm.tm_mon;
-  out->day = tm.tm_mday;
-  out->hour = tm.tm_hour;
-  out->minute = tm.tm_min;
-  out->second = tm.tm_sec;
-  out->weekday = tm.tm_wday;
+  CivilFromTm(tm, out);
   return true;
 }
 
 // ---------------------------------------------------------------- memory
-
-namespace {
-uint32_t g_failAt;       // allocations left until the one that fails; 0: none
-uint32_t g_allocations;  // allocations since the last FailAllocation call
-
-bool InjectFailure() {
-  __atomic_add_fetch(&g_allocations, 1, __ATOMIC_RELAXED);
-  uint32_t left = __atomic_load_n(&g_failAt, __ATOMIC_RELAXED);
-  if (left == 0) return false;
-  return __atomic_sub_fetch(&g_failAt, 1, __ATOMIC_RELAXED) == 0;
-}
-}  // namespace
-
-uint32_t FailAllocation(uint32_t n) {
-  __atomic_store_n(&g_failAt, n, __ATOMIC_RELAXED);
-  return __atomic_exchange_n(&g_allocations, 0, __ATOMIC_RELAXED);
-}
 
 void *HeapAlloc(size_t size) { return InjectFailure() ? nullptr : std::calloc(1, size ? size : 1); }
 void *HeapReAlloc(void *block, size_t size) {
   return InjectFailure() ? nullptr : std::realloc(block, size ? size : 1);
 }
 void HeapFree(void *block) { std::free(block); }
-
-static bool BadRange(const void *p, uint32_t size) {
-  if (size == 0) return false;
-  uintptr_t a = reinterpret_cast<uintptr_t>(p);
-  if (a < 0x10000) return true;
-  return a + (size - 1) < a;  // wraps
-}
-bool IsBadReadPtr(const void *p, uint32_t size) { return BadRange(p, size); }
-bool IsBadWritePtr(const void *p, uint32_t size) { return BadRange(p, size); }
 
 // ---------------------------------------------------------------- a small mutex
 // For the stand-ins below; never held while calling out of this file.

@@ -1,6 +1,9 @@
 // dump.cpp - writing a collection's items as a dump image, as bytes or as
 // hexadecimal text.
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "serial/serial.h"
 #include "store/store.h"
@@ -276,6 +279,16 @@ uint32_t checksum(const uint8_t *img, uint32_t length) {
   constexpr uint64_t kLanes16 = 0x0000FFFF0000FFFFull;
   uint32_t sum = 0;
   uint32_t i = DUMP_HEADER_SIZE;
+#if defined(__SSE2__)
+  // Where the processor has it, one instruction sums sixteen bytes into two
+  // 64-bit halves, which cannot overflow within an image.
+  __m128i total = _mm_setzero_si128();
+  for (; length >= 16 && i <= length - 16; i += 16)
+    total = _mm_add_epi64(total, _mm_sad_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i *>(img + i)),
+                                              _mm_setzero_si128()));
+  sum += static_cast<uint32_t>(_mm_cvtsi128_si32(total)) +
+         static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_unpackhi_epi64(total, total)));
+#endif
   while (length >= 16 && i <= length - 16) {
     uint64_t lanes = 0, more = 0;
     for (uint32_t k = 0; k < 128 && i <= length - 16; ++k, i += 16) {

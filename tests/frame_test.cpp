@@ -1,11 +1,11 @@
 // The library frame: start-up, handle values and slots, destruction of
 // objects with what they own, per-process clean-up.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <vector>
 
 #include "coll_host.h"
+#include "platform/platform.h"
 #include "store/store.h"
 
 namespace {
@@ -174,10 +174,10 @@ TEST(Frame, TaskAbortDestroysOnlyTheProcessPrivateTopLevelCollections) {
     coll::LockGuard lock;
     coll::wr16(coll::GetCollPtr(shared) + coll::ch::shareCount, 1);
   }
-  collTaskAbort(getpid() + 1);  // owns nothing
+  collTaskAbort(platform::CurrentProcessId() + 1);  // owns nothing
   collTaskAbort(0);
   EXPECT_EQ(collIsBadCollHandle(a), 0u);
-  collTaskAbort(getpid());
+  collTaskAbort(platform::CurrentProcessId());
   EXPECT_EQ(collIsBadCollHandle(a), 1u);
   EXPECT_EQ(collIsBadCollHandle(child), 1u);
   EXPECT_EQ(collIsBadCollHandle(shared), 0u);

@@ -1,11 +1,11 @@
 #include "tests/test_util.h"
 
-#include <unistd.h>
-
 #include <cstdio>
-#include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 #include "coll_host.h"
+#include "platform/platform.h"
 #include "store/store.h"
 
 namespace testutil {
@@ -88,11 +88,27 @@ std::string CheckImage(HCOLL h) {
   return {};
 }
 
+#ifdef _WIN32
+// On Windows the clipboard belongs to the whole session and keeps what an
+// earlier test process left on it; every test starts with it empty, as a
+// process of its own does elsewhere.
+namespace {
+const bool g_emptyClipboard = collHostSetClipboardText(nullptr) != 0;
+}  // namespace
+#endif
+
 TempIni::TempIni() {
-  const char *tmp = std::getenv("TMPDIR");
-  std::string tmpl = std::string(tmp && tmp[0] ? tmp : "/tmp") + "/coll_ini_XXXXXX";
-  if (mkdtemp(tmpl.data())) dir_ = tmpl;
-  path_ = dir_ + "/COLL.INI";
+  // The system's temporary directory: $TMPDIR (or /tmp) on POSIX, the
+  // user's temporary folder on Windows.
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  fs::path base = fs::temp_directory_path(ec);
+  for (uint32_t i = 0; !ec && dir_.empty() && i < 1000; ++i) {
+    fs::path dir = base / ("coll_ini_" + std::to_string(platform::CurrentProcessId()) + "_" + std::to_string(i));
+    if (fs::create_directory(dir, ec)) dir_ = dir.string();
+    ec.clear();
+  }
+  path_ = dir_.empty() ? std::string() : (fs::path(dir_) / "COLL.INI").string();
   collHostSetProfilePath(path_.c_str());
 }
 
@@ -100,7 +116,8 @@ TempIni::~TempIni() {
   collHostSetProfilePath(nullptr);
   std::remove(path_.c_str());
   std::remove((path_ + ".lock").c_str());
-  if (!dir_.empty()) rmdir(dir_.c_str());
+  std::error_code ec;
+  if (!dir_.empty()) std::filesystem::remove(dir_, ec);
 }
 
 }  // namespace testutil

@@ -116,8 +116,13 @@ TEST(Rendering, TimesAsLocalTimeText) {
 }
 
 TEST(Rendering, TimesFollowTheLocalZone) {
+#ifdef _WIN32
+  _putenv_s("TZ", "EST5");  // this process only
+  _tzset();
+#else
   setenv("TZ", "EST5", 1);  // this process only
   tzset();
+#endif
   uint8_t d[4] = {};
   EXPECT_EQ(Render(COLLTYPE_TIME, d, 4).text, "Wed Dec 31 19:00:00 1969");
 }

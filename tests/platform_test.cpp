@@ -1,0 +1,112 @@
+// The platform layer and the host functions: the same contract on every
+// platform (windows that receive sent messages, message names, the
+// executable's name, the memory tests, the heap and its failure hook).
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "coll_host.h"
+#include "platform/platform.h"
+
+namespace {
+
+struct Received {
+  int calls = 0;
+  uint32_t window = 0, message = 0;
+  uintptr_t wParam = 0;
+  intptr_t lParam = 0;
+};
+
+intptr_t Record(uint32_t window, uint32_t message, uintptr_t wParam, intptr_t lParam, void *context) {
+  auto *r = static_cast<Received *>(context);
+  ++r->calls;
+  r->window = window;
+  r->message = message;
+  r->wParam = wParam;
+  r->lParam = lParam;
+  return 77;
+}
+
+TEST(Platform, HostWindowsReceiveWhatIsSentWhileTheyExist) {
+  Received r;
+  EXPECT_EQ(collHostCreateWindow(nullptr, &r), 0u);
+  uint32_t w = collHostCreateWindow(Record, &r);
+  ASSERT_NE(w, 0u);
+  EXPECT_NE(w >> 16, 0xFFFFu);
+  EXPECT_EQ(r.calls, 0);  // making it sends the procedure nothing
+  EXPECT_TRUE(platform::IsWindow(w));
+  uint32_t msg = collHostRegisterMessage("Platform_Test");
+  EXPECT_EQ(platform::SendMessage(w, msg, 0x4002, 1234), 77);
+  EXPECT_EQ(r.calls, 1);
+  EXPECT_EQ(r.window, w);
+  EXPECT_EQ(r.message, msg);
+  EXPECT_EQ(r.wParam, 0x4002u);
+  EXPECT_EQ(r.lParam, 1234);
+
+  EXPECT_EQ(collHostDestroyWindow(w), 1u);
+  EXPECT_EQ(r.calls, 1);  // nor does destroying it
+  EXPECT_FALSE(platform::IsWindow(w));
+  EXPECT_EQ(platform::SendMessage(w, msg, 0, 0), 0);
+  EXPECT_EQ(r.calls, 1);
+  EXPECT_EQ(collHostDestroyWindow(w), 0u);
+  EXPECT_FALSE(platform::IsWindow(0));
+  EXPECT_EQ(platform::SendMessage(0, msg, 0, 0), 0);
+}
+
+TEST(Platform, MessageNamesIgnoreCase) {
+  uint32_t a = platform::RegisterWindowMessage("Coll_Test_Name");
+  EXPECT_GE(a, 0xC000u);
+  EXPECT_LE(a, 0xFFFFu);
+  EXPECT_EQ(collHostRegisterMessage("COLL_TEST_NAME"), a);
+  EXPECT_NE(platform::RegisterWindowMessage("Coll_Test_Other"), a);
+  EXPECT_EQ(platform::RegisterWindowMessage(nullptr), 0u);
+  EXPECT_EQ(collHostRegisterMessage(""), 0u);
+}
+
+TEST(Platform, ExecutableNameWithoutDirectoryCutToSize) {
+  char name[256];
+  uint32_t n = platform::ExecutableName(name, sizeof name);
+  ASSERT_GT(n, 0u);
+  EXPECT_EQ(std::string(name).rfind("coll_tests", 0), 0u) << name;
+  EXPECT_EQ(std::string(name).find_first_of("/\\"), std::string::npos);
+  char cut[5];
+  EXPECT_EQ(platform::ExecutableName(cut, sizeof cut), 4u);
+  EXPECT_STREQ(cut, "coll");
+  EXPECT_EQ(platform::ExecutableName(cut, 1), 0u);
+  EXPECT_STREQ(cut, "");
+}
+
+TEST(Platform, MemoryTestsRefuseOnlyWhatCannotBeMemory) {
+  char local[8] = {};
+  EXPECT_FALSE(platform::IsBadReadPtr(local, sizeof local));
+  EXPECT_FALSE(platform::IsBadWritePtr(local, sizeof local));
+  EXPECT_FALSE(platform::IsBadReadPtr(nullptr, 0));  // size 0 always passes
+  EXPECT_TRUE(platform::IsBadReadPtr(nullptr, 1));
+  EXPECT_TRUE(platform::IsBadWritePtr(reinterpret_cast<void *>(0xFFFF), 1));
+  EXPECT_FALSE(platform::IsBadWritePtr(reinterpret_cast<void *>(0x10000), 1));
+  auto *top = reinterpret_cast<void *>(~uintptr_t(0) - 3);
+  EXPECT_FALSE(platform::IsBadReadPtr(top, 4));
+  EXPECT_TRUE(platform::IsBadReadPtr(top, 5));  // wraps
+}
+
+TEST(Platform, HeapBlocksAreZeroFilledAndAllocationsCanBeMadeToFail) {
+  platform::FailAllocation(0);
+  auto *p = static_cast<unsigned char *>(platform::HeapAlloc(0));
+  ASSERT_NE(p, nullptr);
+  platform::HeapFree(p);
+  platform::FailAllocation(2);
+  p = static_cast<unsigned char *>(platform::HeapAlloc(64));
+  ASSERT_NE(p, nullptr);
+  for (int i = 0; i < 64; ++i) ASSERT_EQ(p[i], 0);
+  p[0] = 5;
+  EXPECT_EQ(platform::HeapReAlloc(p, 1 << 20), nullptr);  // the second fails
+  EXPECT_EQ(p[0], 5);                                      // and leaves the block
+  void *q = platform::HeapReAlloc(p, 1 << 20);
+  ASSERT_NE(q, nullptr);
+  EXPECT_EQ(static_cast<unsigned char *>(q)[0], 5);
+  platform::HeapFree(q);
+  platform::HeapFree(nullptr);
+  EXPECT_EQ(platform::FailAllocation(0), 3u);
+}
+
+}  // namespace

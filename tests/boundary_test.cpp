@@ -323,9 +323,6 @@ TEST_F(Boundary, RefusedArguments) {
       {"tableCreate without columns", 0, [](uint32_t) { return tableCreate(0, 0); }},
       // (The clipboard holds "kept": a text without a line end.)
       {"tableDataFromClipboard", 0, [](uint32_t w) { return tableDataFromClipboard(w); }},
-      {"collRequestAdvice of no window", 0, [&](uint32_t w) { return collRequestAdvice(h, w, 1); }},
-      // (Window 0 with on 0 asks only whether the handle is good.)
-      {"collRequestAdvice off for no window", 0, [&](uint32_t w) { return w ? collRequestAdvice(h, w, 0) : 0u; }},
       {"collRequestPropagate to itself", 0, [&](uint32_t) { return collRequestPropagate(h, h, 1); }},
       {"collRequestPropagate to none", 0, [&](uint32_t) { return collRequestPropagate(h, 0, 1); }},
       {"collSetColl into itself", 0, [&](uint32_t) { return collSetColl(h, "self", h); }},
@@ -344,6 +341,17 @@ TEST_F(Boundary, RefusedArguments) {
        [&](uint32_t) { return collDumpItems(h, reinterpret_cast<void *>(0x10), 0xFFFFFFFF); }},
   };
   Run(cases, {0, 0xFFFF, 0xFFFFFFFF, pid + 1});
+  // Windows: none, and one that is gone (on some platforms any number may
+  // name a window).
+  const uint32_t gone = collHostCreateWindow([](uint32_t, uint32_t, uintptr_t, intptr_t, void *) -> intptr_t { return 0; },
+                                             nullptr);
+  collHostDestroyWindow(gone);
+  std::vector<Case> windows = {
+      {"collRequestAdvice of no window", 0, [&](uint32_t w) { return collRequestAdvice(h, w, 1); }},
+      // (Window 0 with on 0 asks only whether the handle is good.)
+      {"collRequestAdvice off for no window", 0, [&](uint32_t w) { return w ? collRequestAdvice(h, w, 0) : 0u; }},
+  };
+  Run(windows, {0, gone});
   collFree(nullptr);
   collFree(collAlloc(0));
 }

@@ -115,7 +115,7 @@ COLL_API(uint32_t) collCopyItem(uint32_t hTo, uint32_t hFrom, const char *tag) {
   if (hFrom == 0 || !RetrieveItem(hFrom, &img, tag, &block, &len)) return SetItem(hTo, tag, nullptr, 1);
   uint8_t *copy = DupItem(block, hTo);
   if (!copy) return 0;
-  return SetItem(hTo, tag, copy, 1);
+  return SetItemCopy(hTo, tag, collstrlen(tag, 0xFFFFFFFFu), copy, 1);
 }
 
 COLL_API(uint32_t) collRenameTag(uint32_t hColl, const char *oldTag, const char *newTag) {
@@ -140,7 +140,7 @@ COLL_API(uint32_t) collRenameTag(uint32_t hColl, const char *oldTag, const char 
   uint8_t *copy = DupItem(block, hColl);
   if (!copy) return 0;
   SetItemN(hColl, newTag, newLength, nullptr, 0);
-  if (!SetItemN(hColl, newTag, newLength, copy, 1)) return 0;
+  if (!SetItemCopy(hColl, newTag, newLength, copy, 1)) return 0;
   SetItemN(hColl, oldTag, oldLength, nullptr, 1);
   return 1;
 }

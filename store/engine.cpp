@@ -144,9 +144,11 @@ uint32_t SetItemEx(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, 
         std::memcpy(items + p + 2, tag, n);
         std::memcpy(stored, block, b);
       }
+      const Owned now = OwnedBy(block);
       ReleaseItem(block, owned);
-      // An identical value still names the object it owned: keep it.
-      if (valueChanged) CollOrTableCheck(old, communicate);
+      // A value that still names the object it owned (the same value, maybe
+      // only marked for a transaction now) keeps it.
+      if (valueChanged && (now.type != old.type || now.handle != old.handle)) CollOrTableCheck(old, communicate);
       if (changed && communicate) {
         img = AccessColl(hColl);
         if (img && CollLockThread(img) == 0) CommunicateChange(hColl, tag, n);
@@ -226,8 +228,13 @@ void EmptyCollection(uint32_t hColl, uint32_t communicate) {
 
 namespace {
 
+// A copy is made only for a live owner: a handle that names nothing now
+// would let the copy be owned by whatever takes its slot next (the copy of a
+// collection could even take it and own itself).
+bool OwnerLives(uint32_t hNewOwner) { return hNewOwner == 0 || GetCollPtr(hNewOwner) != nullptr; }
+
 uint8_t *DupTable(uint8_t *copy, uint32_t hNewOwner) {
-  uint8_t *src = GetTablePtr(rd32(BlockData(copy)));
+  uint8_t *src = OwnerLives(hNewOwner) ? GetTablePtr(rd32(BlockData(copy))) : nullptr;
   uint8_t *hdr = src ? static_cast<uint8_t *>(collAllocPtr(TABLE_HEADER_SIZE)) : nullptr;
   if (!hdr) {
     collFreePtr(copy);
@@ -250,6 +257,8 @@ uint8_t *DupTable(uint8_t *copy, uint32_t hNewOwner) {
 uint8_t *DupColl(uint8_t *copy, uint32_t hNewOwner) {
   uint32_t hSource = rd32(BlockData(copy));
   uint8_t *src = AccessColl(hSource);
+  // (Resolving the source may have waited, and the owner gone meanwhile.)
+  if (!OwnerLives(hNewOwner)) src = nullptr;
   // The source's items are copied from a snapshot: storing into the child
   // may release the lock, after which the source image could have moved.
   uint32_t count = src ? CollItemCount(src) : 0;
@@ -280,7 +289,40 @@ uint8_t *DupColl(uint8_t *copy, uint32_t hNewOwner) {
   return copy;
 }
 
+// Destroys the object a refused copy made for hOwner, unless the lock was
+// released meanwhile and it went with its owner (its handle may then name
+// something else) or an item of hOwner names it.
+void DropUnstoredCopy(Owned made, uint32_t hOwner) {
+  if (made.type == COLLTYPE_TABLE) {
+    const uint8_t *hdr = GetTablePtr(made.handle);
+    if (!hdr || TableOwner(hdr) != hOwner) return;
+  } else if (made.type == COLLTYPE_COLL) {
+    const uint8_t *img = GetCollPtr(made.handle);
+    if (!img || CollOwner(img) != hOwner) return;
+  } else {
+    return;
+  }
+  if (uint8_t *img = GetCollPtr(hOwner)) {
+    ItemCursor cur;
+    for (uint32_t p = 0; p < CollDataLength(img) && ItemAt(img, p, &cur); p = NextItemOffset(cur)) {
+      Owned named = OwnedBy(cur.block);
+      if (named.type == made.type && named.handle == made.handle) return;
+    }
+  }
+  if (made.type == COLLTYPE_TABLE)
+    DestroyTableHandle(made.handle);
+  else
+    DestroyCollHandle(made.handle);
+}
+
 }  // namespace
+
+uint32_t SetItemCopy(uint32_t hColl, const char *tag, uint32_t n, uint8_t *copy, uint32_t communicate) {
+  const Owned made = copy ? OwnedBy(copy) : Owned{};
+  if (SetItemN(hColl, tag, n, copy, communicate)) return 1;
+  DropUnstoredCopy(made, hColl);
+  return 0;
+}
 
 uint8_t *DupItem(const uint8_t *block, uint32_t hNewOwner) {
   uint32_t len = BlockLength(block);

@@ -141,6 +141,10 @@ struct SmallBlock {
   }
 };
 uint8_t *DupItem(const uint8_t *block, uint32_t hNewOwner);
+// Stores a value that DupItem copied for hColl (SetItemN's contract). When
+// the store refuses it, the table or collection that the copy made for hColl
+// goes too, unless it went already or an item of hColl names it.
+uint32_t SetItemCopy(uint32_t hColl, const char *tag, uint32_t n, uint8_t *copy, uint32_t communicate);
 void EmptyCollection(uint32_t hColl, uint32_t communicate);
 uint32_t GetItem(uint8_t *img, const char *tag, uint8_t **block);
 void ReleaseItem(uint8_t *block, uint32_t flag);

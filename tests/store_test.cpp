@@ -7,6 +7,8 @@
 
 #include "coll.h"
 #include "store/store.h"
+#include "tests/consistency.h"
+#include "tests/listener.h"
 #include "tests/test_util.h"
 
 using testutil::CheckImage;
@@ -315,6 +317,85 @@ TEST(Collections, RenameSemantics) {
   EXPECT_EQ(collRenameTag(h, "b", ""), 0u);
   EXPECT_EQ(collRenameTag(0x4001, "b", "x"), 0u);
   EXPECT_EQ(Tags(h), "B,c");
+}
+
+uint32_t LiveTables() {
+  uint32_t tables[4];
+  return collGetTableHandles(tables, sizeof tables);
+}
+
+// A copy that the store refuses takes the table or collection it made with
+// it: nothing is left owned by the collection but named by none of its items.
+TEST(Collections, RefusedCopiesLeaveNoOrphans) {
+  uint32_t h = collOpen(nullptr);
+  HTABLE t = tableCreate(1, 0);
+  uint32_t kid = collOpen(nullptr);
+  collSetItem(kid, "x", "1", 1);
+  ASSERT_TRUE(collSetTable(h, "tab", t));
+  ASSERT_TRUE(collSetColl(h, "kid", kid));
+  // Renamed to a tag too long for the image: the rename fails.
+  ASSERT_TRUE(FillTo(h, 63000));
+  const std::string longTag(1000, 'L');
+  EXPECT_EQ(collRenameTag(h, "tab", longTag.c_str()), 0u);
+  EXPECT_EQ(collRenameTag(h, "kid", longTag.c_str()), 0u);
+  EXPECT_EQ(collGetType(h, "tab"), uint32_t(COLLTYPE_TABLE));
+  EXPECT_EQ(testutil::CheckState(), "");
+  // Copied into a collection without room for the tag.
+  uint32_t full = collOpen(nullptr);
+  ASSERT_TRUE(FillTo(full, 63000));
+  uint32_t src = collOpen(nullptr);
+  ASSERT_TRUE(collSetTable(src, longTag.c_str(), t));
+  ASSERT_TRUE(collSetColl(src, (longTag + "k").c_str(), kid));
+  EXPECT_EQ(collCopyItem(full, src, longTag.c_str()), 0u);
+  EXPECT_EQ(collCopyItem(full, src, (longTag + "k").c_str()), 0u);
+  EXPECT_EQ(testutil::CheckState(), "");
+  // A merge goes on past the items that do not fit.
+  collMerge(full, src);
+  EXPECT_EQ(testutil::CheckState(), "");
+  for (uint32_t c : {h, kid, full, src}) collClose(c);
+  tableDestroy(t);
+  EXPECT_EQ(LiveTables(), 0u);
+}
+
+// A merge whose destination goes while a change is told: the values copied
+// for it afterwards go too.
+TEST(Collections, MergeIntoACollectionClosedMeanwhile) {
+  uint32_t src = collOpen(nullptr), dest = collOpen(nullptr);
+  HTABLE t = tableCreate(1, 0);
+  collSetItem(src, "a", "1", 1);
+  ASSERT_TRUE(collSetTable(src, "tab", t));
+  testutil::Listener closer;
+  closer.onMessage = [dest](const testutil::Heard &) { collClose(dest); };
+  ASSERT_TRUE(collRequestAdvice(dest, closer.window(), 1));
+  EXPECT_EQ(collMerge(dest, src), 0u);
+  EXPECT_EQ(collIsBadCollHandle(dest), 1u);
+  EXPECT_EQ(testutil::CheckState(), "");
+  collClose(src);
+  tableDestroy(t);
+  EXPECT_EQ(LiveTables(), 0u);
+}
+
+// Renaming a table or collection item to the same tag in other letters
+// rewrites the same value in place; inside a transaction the rewritten value
+// is marked, and it must still own its table or collection.
+TEST(Collections, RenameLetterCaseInATransactionKeepsWhatTheItemOwns) {
+  uint32_t h = collOpen(nullptr), kid = collOpen(nullptr);
+  HTABLE t = tableCreate(1, 0);
+  collSetItem(kid, "x", "1", 1);
+  ASSERT_TRUE(collSetTable(h, "tab", t));
+  ASSERT_TRUE(collSetColl(h, "kid", kid));
+  ASSERT_EQ(collLock(h), 1u);
+  EXPECT_EQ(collRenameTag(h, "tab", "TAB"), 1u);
+  EXPECT_EQ(collRenameTag(h, "kid", "Kid"), 1u);
+  EXPECT_EQ(testutil::CheckState(), "");
+  EXPECT_EQ(collTableColCount(h, "tab"), 1u);
+  EXPECT_EQ(collUnlock(h), 1u);
+  EXPECT_EQ(Tags(h), "TAB,Kid");
+  uint32_t copy = collGetColl(h, "kid");
+  EXPECT_EQ(Item(copy, "x"), "1");
+  for (uint32_t c : {h, kid, copy}) collClose(c);
+  tableDestroy(t);
+  EXPECT_EQ(testutil::CheckState(), "");
 }
 
 TEST(Collections, CloseSharedCountsDownThenRemovesTheCatalogEntry) {

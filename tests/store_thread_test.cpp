@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "coll.h"
+#include "tests/consistency.h"
 #include "tests/test_util.h"
+#include "tests/worker.h"
 
 namespace {
 
@@ -74,6 +76,36 @@ TEST(StoreThreads, FirstCallsFromManyThreadsStartTheLibraryOnce) {
   char name[16];
   collGetName(0x4001, name, sizeof name);
   EXPECT_STREQ(name, "_Catalog");
+}
+
+// A copy waits for its source, held in another thread's transaction, and
+// the destination is closed meanwhile: no copy is made for the closed
+// destination (a nested collection made for it could take its slot and own
+// itself, out of every owner's reach).
+TEST(StoreThreads, CopyIntoACollectionClosedWhileWaiting) {
+  for (const char *tag : {"kid", "tab"}) {
+    uint32_t from = collOpen("from"), to = collOpen("to"), kid = collOpen("kid");
+    HTABLE t = tableCreate(1, 0);
+    collSetItem(kid, "x", "1", 1);
+    collSetColl(from, "kid", kid);
+    collSetTable(from, "tab", t);
+    collClose(kid);
+    tableDestroy(t);
+    ASSERT_EQ(collLock(from), 1u);
+    uint32_t copied = 7;
+    {
+      testutil::Worker copier([&] { copied = collCopyItem(to, from, tag); });
+      EXPECT_TRUE(copier.StaysBlocked());
+      collClose(to);
+      EXPECT_EQ(collUnlock(from), 1u);
+    }
+    EXPECT_EQ(copied, 0u) << tag;
+    collClose(from);
+    EXPECT_EQ(testutil::CheckState(), "") << tag;
+    uint32_t left[4];
+    EXPECT_EQ(collGetTableHandles(left, sizeof left), 0u) << tag;
+    EXPECT_EQ(collIsBadCollHandle(to), 1u) << tag;
+  }
 }
 
 }  // namespace

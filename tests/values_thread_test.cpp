@@ -6,6 +6,9 @@
 #include <thread>
 
 #include "coll.h"
+#include "tests/consistency.h"
+#include "tests/worker.h"
+#include "frame/frame.h"
 
 namespace {
 
@@ -55,4 +58,27 @@ TEST(ValuesThreads, ReadersSeeWholeValues) {
   EXPECT_EQ(bad.load(), 0);
   HCOLL got = collGetColl(h, "c");
   EXPECT_EQ(collGetNumeric(got, "x"), 1999);
+}
+
+// collSetColl waits for its source, held in another thread's transaction,
+// and the destination is closed meanwhile: the call fails and makes no child
+// (which could otherwise take the destination's slot and own itself).
+TEST(ValuesThreads, NestInACollectionClosedWhileWaiting) {
+  HCOLL source = collOpen("source"), dest = collOpen("dest");
+  collSetString(source, "x", "1");
+  ASSERT_EQ(collLock(source), 1u);
+  uint32_t stored = 7;
+  {
+    testutil::Worker nester([&] { stored = collSetColl(dest, "kid", source); });
+    EXPECT_TRUE(nester.StaysBlocked());
+    collClose(dest);
+    EXPECT_EQ(collUnlock(source), 1u);
+  }
+  EXPECT_EQ(stored, 0u);
+  collClose(source);
+  EXPECT_EQ(testutil::CheckState(), "");
+  uint32_t left[4];
+  EXPECT_EQ(collGetNonSharedHandles(left, sizeof left), 0u);
+  coll::LockGuard lock;
+  EXPECT_EQ(coll::ps->collHigh, 1u);  // only the catalog
 }

@@ -83,7 +83,7 @@ uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, bool intoNew) 
     // A value that cannot be copied arrives as no block: a merge deletes the
     // tag and goes on, a new copy fails as a whole.
     uint8_t *copy = StillOwned(cur.block, hSource) ? DupItem(cur.block, hDest) : nullptr;
-    if ((!copy && intoNew) || !SetItemN(hDest, tag, cur.t, copy, intoNew ? 0 : 1)) {
+    if ((!copy && intoNew) || !SetItemCopy(hDest, tag, cur.t, copy, intoNew ? 0 : 1)) {
       result = 0;
       break;
     }
@@ -124,7 +124,9 @@ COLL_API(uint32_t) collSetColl(uint32_t hColl, const char *tag, uint32_t hSource
   LockGuard lock;
   if (!AccessColl(hSource) || !AccessColl(hColl)) return 0;
   uint8_t *src = AccessColl(hSource);
-  if (!src) return 0;
+  // Resolving the source may have waited: the child is made only while its
+  // owner lives, or it could take the owner's slot and own itself.
+  if (!src || !GetCollPtr(hColl)) return 0;
   uint32_t child = InternalCollCreate(hColl);
   if (!child) return 0;
   SetCollName(GetCollPtr(child), reinterpret_cast<const char *>(src + ch::name), CollNameLength(src));

@@ -71,29 +71,6 @@ bool AddItemAtEnd(const uint8_t *block, uint32_t hColl, uint8_t *img, const char
   return true;
 }
 
-// Holds a copy of a tag: on the stack when short, else on the heap.
-class TagCopy {
- public:
-  TagCopy(const void *tag, uint32_t n) : n_(n) {
-    p_ = n < sizeof(local_) ? local_ : static_cast<char *>(collAllocPtr(n + 1));
-    if (p_) {
-      std::memcpy(p_, tag, n);
-      p_[n] = 0;
-    }
-  }
-  ~TagCopy() {
-    if (p_ != local_) collFreePtr(p_);
-  }
-  TagCopy(const TagCopy &) = delete;
-  TagCopy &operator=(const TagCopy &) = delete;
-  const char *get() const { return p_; }
-  uint32_t size() const { return n_; }
-
- private:
-  char local_[128];
-  char *p_;
-  uint32_t n_;
-};
 
 }  // namespace
 
@@ -255,38 +232,34 @@ uint8_t *DupTable(uint8_t *copy, uint32_t hNewOwner) {
 }
 
 uint8_t *DupColl(uint8_t *copy, uint32_t hNewOwner) {
-  uint32_t hSource = rd32(BlockData(copy));
+  const uint32_t hSource = rd32(BlockData(copy));
   uint8_t *src = AccessColl(hSource);
   // (Resolving the source may have waited, and the owner gone meanwhile.)
-  if (!OwnerLives(hNewOwner)) src = nullptr;
-  // The source's items are copied from a snapshot: storing into the child
-  // may release the lock, after which the source image could have moved.
-  uint32_t count = src ? CollItemCount(src) : 0;
-  uint32_t dl = src ? CollDataLength(src) : 0;
-  uint8_t *snap = src ? static_cast<uint8_t *>(collAllocPtr(COLL_HEADER_SIZE + dl)) : nullptr;
-  uint32_t child = snap ? InternalCollCreate(hNewOwner) : 0;
-  if (!child) {
-    collFreePtr(snap);
+  const uint32_t child = src && OwnerLives(hNewOwner) ? InternalCollCreate(hNewOwner) : 0;
+  if (!child || !CopyAllItems(child, hSource, src, 0, false)) {
+    if (child) DestroyOwnedChild(child, hNewOwner);
     collFreePtr(copy);
     return nullptr;
   }
-  std::memcpy(snap, src, COLL_HEADER_SIZE + dl);
-  uint32_t p = 0;
-  for (uint32_t i = 0; i < count; ++i) {
-    ItemCursor cur;
-    if (!ItemAt(snap, p, &cur)) break;
-    uint8_t *value = DupItem(cur.block, child);
-    if (!SetItemN(child, reinterpret_cast<const char *>(cur.tag), cur.t, value, 0)) {
-      collFreePtr(snap);
-      collFreePtr(copy);
-      DestroyCollHandle(child);
-      return nullptr;
-    }
-    p = NextItemOffset(cur);
-  }
-  collFreePtr(snap);
   wr32(BlockData(copy), child);
   return copy;
+}
+
+// False when a snapshot's table or collection value no longer names an
+// object of hSource: the lock was released and the item changed meanwhile,
+// and the handle may since name something else.
+bool StillOwned(const uint8_t *block, uint32_t hSource) {
+  if (hSource == 0 || BlockDataLength(block) < 4) return true;
+  const uint32_t h = rd32(BlockData(block));
+  if (BlockType(block) == COLLTYPE_COLL) {
+    const uint8_t *img = GetCollPtr(h);
+    return img && CollOwner(img) == hSource;
+  }
+  if (BlockType(block) == COLLTYPE_TABLE) {
+    const uint8_t *hdr = GetTablePtr(h);
+    return hdr && TableOwner(hdr) == hSource;
+  }
+  return true;
 }
 
 // Destroys the object a refused copy made for hOwner, unless the lock was
@@ -322,6 +295,40 @@ uint32_t SetItemCopy(uint32_t hColl, const char *tag, uint32_t n, uint8_t *copy,
   if (SetItemN(hColl, tag, n, copy, communicate)) return 1;
   DropUnstoredCopy(made, hColl);
   return 0;
+}
+
+void DestroyOwnedChild(uint32_t hChild, uint32_t hOwner) {
+  uint8_t *img = GetCollPtr(hChild);
+  if (img && CollOwner(img) == hOwner) DestroyCollHandle(hChild);
+}
+
+uint32_t CopyAllItems(uint32_t hDest, uint32_t hSource, const uint8_t *sourceImage, uint32_t communicate,
+                      bool allOrNothing) {
+  // Storing may release the lock (change communication, the transaction
+  // wait), after which the source image could have moved: walk a snapshot,
+  // whose tags also stay put for the stores.
+  const uint32_t count = CollItemCount(sourceImage);
+  const uint32_t dl = CollDataLength(sourceImage);
+  uint8_t *snap = static_cast<uint8_t *>(collAllocPtr(COLL_HEADER_SIZE + dl));
+  if (!snap) return 0;
+  std::memcpy(snap, sourceImage, COLL_HEADER_SIZE + dl);
+  uint32_t result = 1;
+  uint32_t p = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    ItemCursor cur;
+    if (!ItemAt(snap, p, &cur)) break;
+    p = NextItemOffset(cur);
+    // A value that cannot be copied arrives as no block: the store deletes
+    // the tag and the copy goes on, unless it must be all or nothing.
+    uint8_t *copy = StillOwned(cur.block, hSource) ? DupItem(cur.block, hDest) : nullptr;
+    if ((!copy && allOrNothing) ||
+        !SetItemCopy(hDest, reinterpret_cast<const char *>(cur.tag), cur.t, copy, communicate)) {
+      result = 0;
+      break;
+    }
+  }
+  collFreePtr(snap);
+  return result;
 }
 
 uint8_t *DupItem(const uint8_t *block, uint32_t hNewOwner) {

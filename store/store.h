@@ -8,6 +8,7 @@
 #define COLL_STORE_STORE_H
 
 #include <cstdint>
+#include <cstring>
 
 #include "frame/frame.h"
 
@@ -120,6 +121,31 @@ uint32_t RetrieveItem(uint32_t hColl, uint8_t **image, const char *tag, uint8_t 
 void SetCollName(uint8_t *img, const char *name, uint32_t n);
 inline uint32_t CollNameLength(const uint8_t *img) { return collstrlen(img + ch::name, COLL_NAME_SIZE); }
 
+// A terminated copy of a tag: on the stack when short, else on the heap;
+// get() is null when the heap had no room.
+class TagCopy {
+ public:
+  TagCopy(const void *tag, uint32_t n) : n_(n) {
+    p_ = n < sizeof(local_) ? local_ : static_cast<char *>(collAllocPtr(n + 1));
+    if (p_) {
+      std::memcpy(p_, tag, n);
+      p_[n] = 0;
+    }
+  }
+  ~TagCopy() {
+    if (p_ != local_) collFreePtr(p_);
+  }
+  TagCopy(const TagCopy &) = delete;
+  TagCopy &operator=(const TagCopy &) = delete;
+  const char *get() const { return p_; }
+  uint32_t size() const { return n_; }
+
+ private:
+  char local_[128];
+  char *p_;
+  uint32_t n_;
+};
+
 // ---- the item store (REQUIRES: lock held)
 // Takes over block (freed on every path). Null block or length 6: deletion.
 uint32_t SetItem(uint32_t hColl, const char *tag, uint8_t *block, uint32_t communicate);
@@ -145,6 +171,17 @@ uint8_t *DupItem(const uint8_t *block, uint32_t hNewOwner);
 // the store refuses it, the table or collection that the copy made for hColl
 // goes too, unless it went already or an item of hColl names it.
 uint32_t SetItemCopy(uint32_t hColl, const char *tag, uint32_t n, uint8_t *copy, uint32_t communicate);
+// Copies every item of sourceImage (the image of hSource, 0 when it has no
+// handle), in order, into hDest: deep copies, replacing items of equal tags,
+// each store communicated when communicate is set. Works from a snapshot,
+// so sourceImage need only be valid on entry. A value that cannot be copied
+// deletes its tag in hDest and the copy goes on, or, with allOrNothing, fails
+// it. 1, or 0 when a store fails (the items copied so far stay).
+uint32_t CopyAllItems(uint32_t hDest, uint32_t hSource, const uint8_t *sourceImage, uint32_t communicate,
+                      bool allOrNothing);
+// Destroys a collection made for hOwner, unless the lock was released
+// meanwhile and it went with its owner (its slot may then name another).
+void DestroyOwnedChild(uint32_t hChild, uint32_t hOwner);
 void EmptyCollection(uint32_t hColl, uint32_t communicate);
 uint32_t GetItem(uint8_t *img, const char *tag, uint8_t **block);
 void ReleaseItem(uint8_t *block, uint32_t flag);

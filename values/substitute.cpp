@@ -15,8 +15,6 @@ namespace {
 
 // The working text grows in steps of this many bytes.
 constexpr uint32_t kSubstitutePage = 500;
-// Tags up to this length are held on the stack, longer ones on the heap.
-constexpr uint32_t kTagBuffer = 128;
 
 }  // namespace
 
@@ -79,19 +77,14 @@ uint32_t SubstituteOutput(const char *templ, char **buffer, uint32_t *pages, uin
       append(s, tagLength);
       return used;
     }
-    char local[kTagBuffer];
-    char *tag = local;
-    if (tagLength < kTagBuffer) {
-      std::memcpy(local, s, tagLength);
-      local[tagLength] = 0;
-    } else {
-      tag = DupText(s, tagLength);
+    char *value = nullptr;
+    uint32_t length = 0;
+    {
+      TagCopy tag(s, tagLength);
+      // Without memory for the tag the placeholder gives nothing.
+      if (tag.get()) value = collObtainString(hColl, tag.get(), StringAlloc, &length);
     }
     s = end + 1;
-    if (!tag) continue;  // no memory for the tag: the placeholder gives nothing
-    uint32_t length = 0;
-    char *value = collObtainString(hColl, tag, StringAlloc, &length);
-    if (tag != local) collFreePtr(tag);
     if (!room(length)) {
       if (value) StringFree(value);
       return 0;

@@ -22,17 +22,9 @@ uint32_t FormatTime(uint32_t seconds, char *out);
 // Stores value under tag as a number item. 1 or 0. REQUIRES: lock held.
 uint32_t SetNumeric(uint32_t hColl, const char *tag, int32_t value);
 
-// Copies every item of the collection image sourceImage, in order, into
-// hDest (deep copies of tables and collections), replacing items of equal
-// tags. Works from a snapshot, so sourceImage need only be valid on entry.
-// 1, or 0 when a store fails (the items copied so far stay).
-// intoNew: hDest is a new collection that nobody knows yet; nothing is
-// communicated and a value that cannot be copied fails the copy. Otherwise
-// each change is communicated and such a value deletes the tag in hDest.
-// REQUIRES: lock held.
-uint32_t CopyAllItems(uint32_t hDest, const uint8_t *sourceImage, bool intoNew);
-// Merges: CopyAllItems into an existing collection.
-uint32_t collMergeInternal(uint32_t hDest, const uint8_t *sourceImage);
+// Merges every item of sourceImage, the image of hSource, into hDest; each
+// change is communicated and a value that cannot be copied deletes its tag.
+uint32_t collMergeInternal(uint32_t hDest, uint32_t hSource, const uint8_t *sourceImage);
 
 // ---- placeholder substitution (no lock held: each value is read through
 // the exported readers)

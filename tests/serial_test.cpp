@@ -22,6 +22,7 @@ using namespace std::string_literals;
 using Bytes = std::vector<uint8_t>;
 using coll::rd16;
 using coll::rd32;
+using testutil::HandleOf;
 
 // Bytes from hexadecimal pairs separated by spaces ("00 14 CE").
 Bytes FromHex(const std::string &spaced) {
@@ -73,14 +74,6 @@ HTABLE NewTable(uint32_t cols, uint32_t type, const std::string &names, const st
 void PutTable(HCOLL h, const char *tag, HTABLE t) {
   ASSERT_EQ(collSetTable(h, tag, t), 1u);
   tableDestroy(t);
-}
-
-// The handle that the item tag holds, 0 when none.
-uint32_t HandleOf(HCOLL h, const char *tag) {
-  coll::LockGuard lock;
-  uint8_t *img, *block;
-  uint32_t n;
-  return coll::RetrieveItem(h, &img, tag, &block, &n) && n == 4 ? rd32(coll::BlockData(block)) : 0;
 }
 
 // A table's six stored header words and its strings in use.

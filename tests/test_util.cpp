@@ -40,6 +40,13 @@ std::string ItemArea(HCOLL h) {
   return std::string(reinterpret_cast<char *>(coll::CollItems(img)), coll::CollDataLength(img));
 }
 
+uint32_t HandleOf(HCOLL h, const char *tag) {
+  coll::LockGuard lock;
+  uint8_t *img, *block;
+  uint32_t n;
+  return coll::RetrieveItem(h, &img, tag, &block, &n) && n == 4 ? coll::rd32(coll::BlockData(block)) : 0;
+}
+
 uint32_t Pages(HCOLL h) {
   coll::LockGuard lock;
   uint8_t *img = coll::GetCollPtr(h);

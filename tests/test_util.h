@@ -15,6 +15,8 @@ std::string Item(HCOLL h, const char *tag);
 std::string Tags(HCOLL h);
 // The collection's image while it is held (internal view), in use bytes only.
 std::string ItemArea(HCOLL h);
+// The handle that a table or collection item holds, 0 when none.
+uint32_t HandleOf(HCOLL h, const char *tag);
 // Image pages of a collection (0 when invalid).
 uint32_t Pages(HCOLL h);
 // Walks the image and checks its invariants: item count, data length, pages,

@@ -47,6 +47,11 @@ uint32_t HandleOf(HCOLL h, const char *tag) {
   return coll::RetrieveItem(h, &img, tag, &block, &n) && n == 4 ? coll::rd32(coll::BlockData(block)) : 0;
 }
 
+uint32_t LiveTables() {
+  uint32_t handles[256];
+  return collGetTableHandles(handles, sizeof handles);
+}
+
 uint32_t Pages(HCOLL h) {
   coll::LockGuard lock;
   uint8_t *img = coll::GetCollPtr(h);

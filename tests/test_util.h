@@ -17,6 +17,8 @@ std::string Tags(HCOLL h);
 std::string ItemArea(HCOLL h);
 // The handle that a table or collection item holds, 0 when none.
 uint32_t HandleOf(HCOLL h, const char *tag);
+// The number of live tables (collGetTableHandles).
+uint32_t LiveTables();
 // Image pages of a collection (0 when invalid).
 uint32_t Pages(HCOLL h);
 // Walks the image and checks its invariants: item count, data length, pages,

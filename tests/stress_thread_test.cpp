@@ -89,15 +89,13 @@ class Runner {
   void Step() {
     char buf[256];
     uint32_t length = 0;
-    switch (Pick(20)) {
+    switch (Pick(16)) {
       case 0:
-        if (collSetString(Coll(), Tag(), Value().c_str())) ++w_->stored;
-        break;
-      case 1:
+        w_->stored += collSetString(Coll(), Tag(), Value().c_str());
         collSetNumeric(Coll(), Tag(), int32_t(Pick(100)));
         collSetTime(Coll(), Tag(), Pick(100000));
         break;
-      case 2: {
+      case 1: {
         uint32_t h = Coll();
         collGetString(h, Tag(), buf, sizeof buf);
         collGetNumeric(h, Tag());
@@ -109,14 +107,12 @@ class Runner {
         collFree(collObtainString(h, Tag(), Allocate, &length));
         break;
       }
-      case 3:
+      case 2:
         collSetItem(Coll(), Tag(), "", 0);
         collRenameTag(Coll(), Tag(), Tag());
-        break;
-      case 4:
         collCopyItem(Coll(), Coll(), Tag());
         break;
-      case 5: {
+      case 3: {
         // Nested copies, kept shallow: the kid's own kid goes first.
         uint32_t source = Coll();
         collSetItem(source, "kid", "", 0);
@@ -126,10 +122,11 @@ class Runner {
         collClose(got);
         break;
       }
-      case 6:
+      case 4:
         collMerge(Coll(), Coll());
+        collSubstitute(Coll(), "<!a.>-<!b.>-<!c.>", buf, sizeof buf);
         break;
-      case 7: {
+      case 5: {
         uint32_t h = Coll();
         collSetTable(h, "tab", Table());
         collTableRowCount(h, "tab");
@@ -141,7 +138,7 @@ class Runner {
         tableDestroy(collGetTable(h, "tab"));
         break;
       }
-      case 8: {
+      case 6: {
         uint32_t t = Table();
         tableSetItem(t, int32_t(Pick(3)), Pick(2), Value().c_str());
         tableAddRow(t, uint32_t(ROW_APPEND));
@@ -152,7 +149,7 @@ class Runner {
         tableDataToCollection(t, Coll());
         break;
       }
-      case 9: {
+      case 7: {
         // Copy on write: the copy changes, the original must not.
         uint32_t t = Table();
         uint32_t copy = tableCopy(t, 0);
@@ -161,24 +158,22 @@ class Runner {
         tableDestroy(copy);
         break;
       }
-      case 10:
+      case 8:
         collRequestPropagate(Coll(), Coll(), Pick(3) != 0);
-        break;
-      case 11:
         collRequestAdvice(Coll(), w_->windows[Pick(2)], Pick(3) != 0);
         break;
-      case 12: {
+      case 9: {
         // A transaction touches only its own collection.
         uint32_t h = Coll();
         if (collLock(h)) {
-          if (collSetString(h, Tag(), Value().c_str())) ++w_->stored;
+          w_->stored += collSetString(h, Tag(), Value().c_str());
           collSetItem(h, Tag(), "", 0);
           collSetNumeric(h, Tag(), 1);
           collUnlock(h);
         }
         break;
       }
-      case 13: {
+      case 10: {
         // Replace a pooled collection and close the old one while others
         // may still be using it.
         uint32_t fresh = Pick(2) ? collOpen("pooled") : collOpenShared(kShared[Pick(3)]);
@@ -186,28 +181,24 @@ class Runner {
         collClose(old);
         break;
       }
-      case 14: {
+      case 11: {
         uint32_t fresh = tableCreate(2, 0);
         tableSetRow(fresh, uint32_t(ROW_NAMES), "A\0B", 4);
         tableDestroy(w_->tables[Pick(kPool)].exchange(fresh));
         break;
       }
-      case 15:
-        collSubstitute(Coll(), "<!a.>-<!b.>-<!c.>", buf, sizeof buf);
-        break;
-      case 16: {
+      case 12:
         tableDataToClipboard(Table(), CLIP_NAMES_AND_ROWS);
         tableDestroy(tableDataFromClipboard(0));
         break;
-      }
-      case 17: {
+      case 13: {
         uint32_t h = collOpenShared(kShared[Pick(3)]);
         collSetString(h, Tag(), Value().c_str());
         if (Pick(8) == 0) collWrite(h);
         collClose(h);
         break;
       }
-      case 18: {
+      case 14: {
         uint32_t h = collOpen("mine");
         if (h) own_.push_back(h);
         if (own_.size() > 3) {

@@ -24,7 +24,7 @@ std::string CheckCollection(uint32_t h, uint8_t *img, uint32_t *collNamed, uint3
   if (rd16(img + ch::magic) != COLL_MAGIC) return where + "bad magic";
   const uint32_t dl = CollDataLength(img);
   if (CollPages(img) > COLL_MAX_PAGES) return where + "too many pages";
-  if (COLL_HEADER_SIZE + dl > CollPages(img) * COLL_PAGE) return where + "data past the pages";
+  if (CollPages(img) < CollPagesFor(COLL_HEADER_SIZE + dl)) return where + "data past the pages";
   uint32_t p = 0, count = 0;
   while (p < dl) {
     ItemCursor cur;
@@ -56,6 +56,8 @@ std::string CheckCollection(uint32_t h, uint8_t *img, uint32_t *collNamed, uint3
     return where + "item count " + std::to_string(CollItemCount(img)) + " but " + std::to_string(count) + " items";
   for (uint32_t i = 0; i < COLL_CACHE_SIZE; ++i) {
     const uint32_t e = rd32(img + ch::tagCache + 4 * i);
+    if (e == 0 && i + 1 < COLL_CACHE_SIZE && rd32(img + ch::tagCache + 4 * (i + 1)) != 0)
+      return where + "cache entry after an empty one";
     if (e == 0) continue;
     bool found = false;
     for (uint32_t q = 0; q < dl && !found;) {
@@ -96,6 +98,13 @@ std::string CheckTable(uint32_t h, uint8_t *hdr) {
 }
 
 }  // namespace
+
+std::string CheckCollectionImage(uint32_t h) {
+  LockGuard lock;
+  uint8_t *img = GetCollPtr(h);
+  uint32_t collNamed[kSlots] = {}, tableNamed[kSlots] = {};
+  return img ? CheckCollection(h, img, collNamed, tableNamed) : "invalid handle";
+}
 
 std::string CheckState() {
   LockGuard lock;

@@ -22,6 +22,9 @@ namespace testutil {
 // Takes the library lock; call it between library calls.
 std::string CheckState();
 
+// The checks of CheckState on the image of one collection.
+std::string CheckCollectionImage(uint32_t h);
+
 // Everything a call could change, read without allocating in the library:
 // for every live collection its header (but the tag cache) and items, for
 // every live table its header (but the position cache, stamp, pages and

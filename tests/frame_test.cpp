@@ -117,13 +117,17 @@ TEST(Frame, ListingPrivateCollectionsAndTables) {
   EXPECT_EQ(buf[0], a);
   EXPECT_EQ(collGetNonSharedHandles(buf, sizeof buf), 2u);
   EXPECT_EQ(std::vector<uint32_t>(buf, buf + 4), (std::vector<uint32_t>{a, c, 0, 0}));  // the rest is cleared
-  uint32_t tables[2] = {7, 7};
+  uint32_t tables[4] = {7, 7, 7, 7};
   EXPECT_EQ(collGetTableHandles(tables, 0), 0u);
   EXPECT_EQ(collGetTableHandles(tables, 3), 0u);
   EXPECT_EQ(tables[0], 0u);  // the 3 bytes were cleared
-  const uint32_t t = tableCreate(1, 0);
-  EXPECT_EQ(collGetTableHandles(tables, sizeof tables), 1u);
-  EXPECT_EQ(tables[0], t);
+  const uint32_t t1 = tableCreate(1, 0), t2 = tableCreate(1, 0), t3 = tableCreate(1, 0);
+  EXPECT_EQ(collGetTableHandles(tables, 8), 2u);  // room for two
+  EXPECT_EQ(std::vector<uint32_t>(tables, tables + 4), (std::vector<uint32_t>{t1, t2, 7, 7}));
+  // tableHigh falls back past the freed slots.
+  for (uint32_t t : {t2, t3, t1}) tableDestroy(t);
+  coll::LockGuard lock;
+  EXPECT_EQ(coll::ps->tableHigh, 0u);
 }
 
 TEST(Frame, TaskAbortDestroysOnlyTheProcessPrivateTopLevelCollections) {

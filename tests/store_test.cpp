@@ -233,6 +233,19 @@ TEST(Collections, CopyAndRenameRules) {
   EXPECT_EQ(collNameItem(a, 1, nullptr, 0), longTag.size() + 1);
 }
 
+// A rename is told as the new tag's change, then the old tag's deletion; the
+// item it replaces goes untold.
+TEST(Collections, RenameIsToldOnce) {
+  uint32_t h = collOpen(nullptr);
+  collSetItem(h, "a", "1", 1);
+  collSetItem(h, "c", "3", 1);
+  testutil::Listener listener;
+  ASSERT_TRUE(collRequestAdvice(h, listener.window(), 1));
+  ASSERT_EQ(collRenameTag(h, "a", "c"), 1u);
+  EXPECT_EQ(listener.Tags(), "c,a");
+  EXPECT_EQ(Tags(h), "c");
+}
+
 // A nested collection is copied deeply; replacing the item destroys it.
 TEST(Collections, NestedItemsAreCopiedDeeply) {
   uint32_t src = collOpen(nullptr), kid = collOpen(nullptr), dst = collOpen(nullptr);
@@ -248,6 +261,18 @@ TEST(Collections, NestedItemsAreCopiedDeeply) {
   collSetItem(dst, "kid", "plain", 5);
   EXPECT_EQ(collIsBadCollHandle(copy), 1u);
   EXPECT_EQ(collIsBadCollHandle(child), 0u);
+  // So does a replacement that needs more pages, and the table of one.
+  collSetTable(dst, "tab", tableCreate(1, 0));
+  for (const char *tag : {"kid", "tab"}) {
+    collSetColl(src, "kid", kid);
+    ASSERT_EQ(collCopyItem(dst, src, "kid"), 1u);
+    const uint32_t held = testutil::HandleOf(dst, tag);
+    ASSERT_TRUE(FillTo(dst, 6000));
+    ASSERT_EQ(collSetItem(dst, tag, std::string(3000, 'p').data(), 3000), 1u);
+    EXPECT_EQ(collIsBadCollHandle(held) && tableRowCount(held) == 0xFFFFFFFFu, true) << tag;
+    EXPECT_EQ(testutil::CheckState(), "") << tag;
+    collSetItem(dst, "T", "", 0);
+  }
 }
 
 // A copy that the store refuses takes the table or collection it made with

@@ -7,10 +7,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -30,34 +28,6 @@ constexpr int kPool = 6;
 
 const char *const kTags[] = {"a", "b", "c", "kid", "tab"};
 const char *const kShared[] = {"S0", "S1", "S2"};
-
-// Ends the process when the work has not finished in time: a deadlock fails
-// the test instead of hanging it.
-class Watchdog {
- public:
-  explicit Watchdog(std::chrono::seconds limit)
-      : thread_([this, limit] {
-          std::unique_lock<std::mutex> hold(mutex_);
-          if (!done_cv_.wait_for(hold, limit, [this] { return done_; })) {
-            std::fprintf(stderr, "watchdog: the threads did not finish; deadlock?\n");
-            std::_Exit(4);
-          }
-        }) {}
-  ~Watchdog() {
-    {
-      std::lock_guard<std::mutex> hold(mutex_);
-      done_ = true;
-    }
-    done_cv_.notify_all();
-    thread_.join();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable done_cv_;
-  bool done_ = false;
-  std::thread thread_;
-};
 
 // Handles that every thread may use, replace and close at any moment.
 struct World {
@@ -249,13 +219,21 @@ TEST(StressThreads, EveryKindOfCallAtOnce) {
   // A propagation chain that closes into a cycle.
   for (int i = 0; i < kPool; ++i) collRequestPropagate(world.colls[i], world.colls[(i + 1) % kPool], 1);
   {
-    Watchdog watchdog(std::chrono::seconds(600));
+    // Ends the process when the work has not finished in ten minutes: a
+    // deadlock fails the test instead of hanging it.
+    std::atomic<bool> done{false};
+    std::thread watchdog([&done] {
+      for (int i = 0; i < 6000 && !done.load(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      if (!done.load()) std::fprintf(stderr, "watchdog: the threads did not finish; deadlock?\n"), std::_Exit(4);
+    });
     std::vector<std::thread> threads;
     std::vector<Runner> runners;
     runners.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) runners.emplace_back(&world, i);
     for (int i = 0; i < kThreads; ++i) threads.emplace_back([&runners, i] { runners[i].Run(); });
     for (std::thread &t : threads) t.join();
+    done = true;
+    watchdog.join();
   }
   EXPECT_EQ(testutil::CheckState(), "");
   EXPECT_GT(world.stored.load(), kThreads * kOperations / 40);

@@ -7,6 +7,7 @@
 #include "coll_host.h"
 #include "platform/platform.h"
 #include "store/store.h"
+#include "tests/consistency.h"
 
 namespace testutil {
 
@@ -58,47 +59,7 @@ uint32_t Pages(HCOLL h) {
   return img ? coll::CollPages(img) : 0;
 }
 
-std::string CheckImage(HCOLL h) {
-  using namespace coll;
-  LockGuard lock;
-  uint8_t *img = GetCollPtr(h);
-  if (!img) return "invalid handle";
-  uint32_t dl = CollDataLength(img);
-  if (COLL_HEADER_SIZE + dl > CollPages(img) * COLL_PAGE) return "data past the pages";
-  if (CollPages(img) != CollPagesFor(COLL_HEADER_SIZE + dl) && CollPages(img) < CollPagesFor(COLL_HEADER_SIZE + dl))
-    return "too few pages";
-  uint32_t p = 0, count = 0;
-  while (p < dl) {
-    ItemCursor cur;
-    if (!ItemAt(img, p, &cur)) return "item runs past the data at " + std::to_string(p);
-    if (cur.t == 0) return "empty tag";
-    if (BlockLength(cur.block) != cur.b) return "block length mismatch";
-    p = NextItemOffset(cur);
-    ++count;
-  }
-  if (p != dl) return "walk does not end at the data length";
-  if (count != CollItemCount(img)) return "item count " + std::to_string(CollItemCount(img)) + " but " +
-                                           std::to_string(count) + " items";
-  for (uint32_t i = 0; i < COLL_CACHE_SIZE; ++i) {
-    uint32_t e = rd32(img + ch::tagCache + 4 * i);
-    if (e == 0) {
-      for (uint32_t j = i; j < COLL_CACHE_SIZE; ++j)
-        if (rd32(img + ch::tagCache + 4 * j) != 0) return "cache entry after an empty one";
-      break;
-    }
-    // The entry must be the tag offset of some item.
-    uint32_t q = 0;
-    bool found = false;
-    while (q < dl) {
-      ItemCursor cur;
-      ItemAt(img, q, &cur);
-      if (q + 2 == e) found = true;
-      q = NextItemOffset(cur);
-    }
-    if (!found) return "cache entry " + std::to_string(e) + " names no tag";
-  }
-  return {};
-}
+std::string CheckImage(HCOLL h) { return CheckCollectionImage(h); }
 
 #ifdef _WIN32
 // On Windows the clipboard belongs to the whole session and keeps what an

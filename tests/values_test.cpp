@@ -12,6 +12,7 @@
 #include "coll.h"
 #include "store/store.h"
 #include "tests/consistency.h"
+#include "tests/listener.h"
 #include "tests/test_util.h"
 #include "values/values.h"
 
@@ -294,8 +295,11 @@ TEST(Nested, CopiesAreIndependentOwnedAndGoWithTheirOwner) {
   collSetNumeric(h, "k", 1);  // replacing the item destroys the child
   EXPECT_EQ(LiveCollections(), live - 1);
   collSetColl(h, "k", s);
-  EXPECT_EQ(collSetColl(h, "k", empty), 1u);  // an empty source deletes
+  testutil::Listener listener;
+  ASSERT_TRUE(collRequestAdvice(h, listener.window(), 1));
+  EXPECT_EQ(collSetColl(h, "k", empty), 1u);  // an empty source deletes, told
   EXPECT_EQ(collGetType(h, "k"), 0u);
+  EXPECT_EQ(listener.Tags(), "k");
   collSetColl(h, "k", s);
   EXPECT_EQ(collSetColl(h, "K", 0), 1u);  // as does none
   EXPECT_EQ(LiveCollections(), live - 1);
@@ -374,6 +378,11 @@ TEST(Substitute, LongOutputThroughSmallBuffers) {
   for (int i = 0; i < 2000; ++i) value += char('a' + i % 26);
   collSetString(h, "long", value.c_str());
   EXPECT_EQ(Substitute(h, "!long.", 100), (Text{value.substr(0, 99), 2001}));
+  // An unclosed placeholder stands as it is, wherever the working text ends.
+  for (uint32_t n = 990; n <= 1000; ++n) {
+    const std::string templ = std::string(n, '.') + "!abc";
+    EXPECT_EQ(Substitute(h, templ), (Text{templ, n + 5}));
+  }
   EXPECT_EQ(collSubstitute(h, "!long.", nullptr, 0), 2001u);
   // Many values and a long template: the working text grows as it must.
   std::string templ, expected;

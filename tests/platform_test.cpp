@@ -8,6 +8,7 @@
 
 #include "coll_host.h"
 #include "platform/platform.h"
+#include "tests/test_util.h"
 
 namespace {
 
@@ -76,6 +77,16 @@ TEST(Platform, MemoryTestsRefuseOnlyWhatCannotBeMemory) {
   auto *top = reinterpret_cast<void *>(~uintptr_t(0) - 3);
   EXPECT_FALSE(platform::IsBadReadPtr(top, 4));
   EXPECT_TRUE(platform::IsBadReadPtr(top, 5));  // wraps
+}
+
+TEST(Platform, ProfileWritesRefuseMissingNames) {
+  testutil::TempIni ini;
+  for (const char *s : {"S", static_cast<const char *>(nullptr)})
+    for (const char *k : {"k", static_cast<const char *>(nullptr)})
+      EXPECT_EQ(platform::ProfileWriteString(s, k, s && k ? nullptr : "v"), false) << !s << !k;
+  EXPECT_TRUE(platform::ProfileWriteString("S", "k", "v"));
+  char buf[8];
+  EXPECT_EQ(platform::ProfileReadString("S", "k", "", buf, sizeof buf), 1u);
 }
 
 TEST(Platform, HeapBlocksAreZeroFilledAndAllocationsCanBeMadeToFail) {

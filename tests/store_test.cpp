@@ -2,8 +2,11 @@
 // pages, the item engine, and the collection and raw-item functions.
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <random>
 #include <string>
 

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iterator>
+#include <tuple>
 #include <random>
 #include <string>
 #include <vector>
@@ -48,6 +50,8 @@ std::string Data(HTABLE t) {
   uint8_t *h = coll::GetTablePtr(t);
   return h ? std::string(reinterpret_cast<char *>(coll::TableData(h)), coll::TableDataLength(h)) : "";
 }
+
+std::string Text(HCOLL h, const char *tag) { return testutil::Item(h, tag).c_str(); }
 
 // The offsets of the header agree with the strings of the data block.
 void ExpectOffsets(HTABLE t) {
@@ -143,88 +147,63 @@ TEST(TableModel, RandomGridsReadAsTheirModels) {
     for (int step = 0; step < 250; ++step) {
       auto &[t, m] = pool[rng() % pool.size()];
       const uint32_t rows = uint32_t(m.rows.size());
-      auto resized = [&](std::vector<std::string> v, size_t n) { v.resize(n); return v; };
-      switch (rng() % 9) {
+      switch (rng() % 8) {
         case 0:
         case 1: {  // one string, any address
           const int32_t row = int32_t(rng() % (rows + 3)) - 2;
           const uint32_t col = uint32_t(int32_t(rng() % (cols + 7)) - 6);
           const std::string text = RandomText(rng);
-          std::string *s = row == -1 && col >= 0xFFFFFFFBu ? &m.attrs[~col]
-                           : row == -1 && col < cols       ? &m.names[col]
-                           : row >= 0 && uint32_t(row) < rows && col < cols ? &m.rows[row][col]
-                                                                          : nullptr;
+          std::string *s = row == -1 && col >= 0xFFFFFFFBu                ? &m.attrs[~col]
+                           : row == -1 && col < cols                        ? &m.names[col]
+                           : row >= 0 && uint32_t(row) < rows && col < cols ? &m.rows[row][col] : nullptr;
           ASSERT_EQ((step % 2 ? tableSetItem : tableSetField)(t, row, col, text.c_str()), s ? 1u : 0u);
           if (s) *s = text;
           break;
         }
         case 2:
-        case 3: {  // a packed row, padded or cut to its width
-          const uint32_t pick = rng() % (rows + 5);
-          const int32_t row = pick == rows + 1   ? ROW_APPEND
-                              : pick == rows + 2 ? ROW_NAMES
-                              : pick == rows + 3 ? ROW_ATTRIBUTES
-                              : pick == rows + 4 ? ROW_HEADER
-                                                 : int32_t(pick);
-          std::vector<std::string> f(1 + rng() % (cols + 2));
-          for (auto &s : f) s = RandomText(rng);
-          ASSERT_EQ(SetRow(t, row, Join(f)), pick < rows || (pick > rows && pick < rows + 4) ? 1u : 0u);
-          if (row == ROW_APPEND) m.rows.push_back(resized(f, cols));
-          if (row == ROW_NAMES) m.names = resized(f, cols);
-          if (row == ROW_ATTRIBUTES) m.attrs = resized(f, 5);
-          if (pick < rows) m.rows[pick] = resized(f, cols);
+        case 3: {  // a packed row (or an empty one inserted), padded or cut to its width
+          const bool add = rng() % 3 == 0;
+          const uint32_t targets[] = {uint32_t(rng() % (rows + 2)), uint32_t(ROW_APPEND), uint32_t(ROW_NAMES),
+                                      uint32_t(ROW_ATTRIBUTES), uint32_t(ROW_HEADER)};
+          const uint32_t row = targets[rng() % 5 ? 0 : rng() % 5];
+          std::vector<std::string> f(add ? 5 : 1 + rng() % (cols + 2));
+          for (auto &x : f) x = add ? "" : RandomText(rng);
+          const bool ok = row < rows + add || (row >= uint32_t(ROW_ATTRIBUTES) && row <= uint32_t(ROW_APPEND));
+          ASSERT_EQ(add ? tableAddRow(t, row) : SetRow(t, int32_t(row), Join(f)), ok ? 1u : 0u) << row;
+          f.resize(row == uint32_t(ROW_ATTRIBUTES) ? 5 : cols);
+          if (row == uint32_t(ROW_APPEND) || (add && row <= rows)) m.rows.insert(m.rows.begin() + std::min(row, rows), f);
+          if (!add && row < rows) m.rows[row] = f;
+          if (row == uint32_t(ROW_NAMES)) m.names = f;
+          if (row == uint32_t(ROW_ATTRIBUTES)) m.attrs = f;
           break;
         }
-        case 4: {  // an empty row inserted; names or attributes emptied
-          const uint32_t pick = rng() % (rows + 6);
-          const uint32_t row = pick == rows + 2   ? uint32_t(ROW_APPEND)
-                               : pick == rows + 3 ? uint32_t(ROW_NAMES)
-                               : pick == rows + 4 ? uint32_t(ROW_ATTRIBUTES)
-                               : pick == rows + 5 ? uint32_t(ROW_HEADER)
-                                                  : pick;
-          ASSERT_EQ(tableAddRow(t, row), pick <= rows || pick == rows + 2 || pick == rows + 3 || pick == rows + 4
-                                             ? 1u
-                                             : 0u);
-          if (pick <= rows) m.rows.insert(m.rows.begin() + pick, std::vector<std::string>(cols));
-          if (row == uint32_t(ROW_APPEND)) m.rows.emplace_back(cols);
-          if (row == uint32_t(ROW_NAMES)) m.names.assign(cols, "");
-          if (row == uint32_t(ROW_ATTRIBUTES)) m.attrs.assign(5, "");
-          break;
-        }
-        case 5: {  // a row deleted; the selection keeps its index or goes
+        case 4: {  // a row deleted; the selection keeps its index or goes
           const uint32_t row = rng() % (rows + 1);
           tableDeleteRow(t, row);
-          if (row < rows) {
-            m.rows.erase(m.rows.begin() + row);
-            if (m.sel == row || m.sel >= rows - 1) m.sel = kNone;
-          }
+          if (row < rows) m.rows.erase(m.rows.begin() + row);
+          if (row < rows && (m.sel == row || m.sel >= rows - 1)) m.sel = kNone;
           break;
         }
-        case 6: {
+        case 5: {
           const uint32_t row = rng() % 4 ? rng() % (rows + 2) : kNone;
           ASSERT_EQ(tableSetSelection(t, row), 1u);
           m.sel = row < rows ? row : kNone;
           break;
         }
-        case 7: {  // a second handle on the data, or one less
-          if (pool.size() < 4) {
-            HTABLE copy = 0;
-            if (rng() % 2) {
-              copy = tableCopy(t, 12345);
-            } else {
-              HCOLL c = collOpen("holder");
-              ASSERT_EQ(collSetTable(c, "t", t), 1u);
-              copy = collGetTable(c, "t");
-              collClose(c);
-            }
-            ASSERT_NE(copy, 0u);
-            Model same = m;
-            pool.emplace_back(copy, same);
-          } else {
+        case 6: {  // a second handle on the data (a copy, or one through a collection), or one less
+          if (pool.size() >= 4) {
             const size_t i = rng() % pool.size();
             tableDestroy(pool[i].first);
             pool.erase(pool.begin() + long(i));
+            break;
           }
+          HCOLL c = rng() % 2 ? collOpen("holder") : 0;
+          ASSERT_EQ(c ? collSetTable(c, "t", t) : 1u, 1u);
+          HTABLE copy = c ? collGetTable(c, "t") : tableCopy(t, 12345);
+          collClose(c);
+          ASSERT_NE(copy, 0u);
+          const Model same = m;
+          pool.emplace_back(copy, same);
           break;
         }
         default: {  // searches and comparisons, which change nothing
@@ -251,8 +230,7 @@ TEST(TableModel, RandomGridsReadAsTheirModels) {
     for (auto &[t, m] : pool) {
       HCOLL c = collOpen("c");
       ASSERT_EQ(collSetTable(c, "t", t), 1u);
-      EXPECT_EQ(collTableRowCount(c, "T"), m.rows.size());
-      EXPECT_EQ(collTableColCount(c, "t"), cols);
+      EXPECT_EQ(collTableRowCount(c, "T") + collTableColCount(c, "t") * 100, m.rows.size() + cols * 100);
       EXPECT_EQ(collTableGetSelection(c, "t"), m.sel);
       EXPECT_NE(collTableGetStamp(c, "t"), 0u);
       for (int32_t r = ROW_ATTRIBUTES; r < int32_t(m.rows.size()); ++r) {
@@ -262,9 +240,7 @@ TEST(TableModel, RandomGridsReadAsTheirModels) {
         ASSERT_EQ(collTableGetRow(c, "t", uint32_t(r), b, sizeof b), n) << r;
         EXPECT_EQ(std::memcmp(a, b, n), 0) << r;
         std::memset(b, '#', sizeof b);  // a row that does not fit is not copied
-        if (n > 1) {
-          EXPECT_EQ(collTableGetRow(c, "t", uint32_t(r), b, n - 1), n);
-        }
+        EXPECT_EQ(n > 1 ? collTableGetRow(c, "t", uint32_t(r), b, n - 1) : n, n);
         EXPECT_EQ(b[0], '#');
         for (uint32_t col = uint32_t(-5); col != cols && r >= ROW_HEADER; ++col)
           EXPECT_EQ(collTableGetField(c, "t", r, col, a, sizeof a) ? std::string(a) : "<none>", Field(t, r, col));
@@ -278,8 +254,7 @@ TEST(TableModel, RandomGridsReadAsTheirModels) {
       std::string image(collDumpItems(c, nullptr, 0), '\0');
       ASSERT_EQ(collDumpItems(c, image.data(), uint32_t(image.size())), image.size());
       HTABLE back = tableLoad(image.data(), uint32_t(image.size()), 0, 0, 0);
-      EXPECT_EQ(Grid(back), Grid(t));
-      EXPECT_EQ(Row(back, ROW_ATTRIBUTES), Join(m.attrs));
+      EXPECT_EQ(Grid(back) + Row(back, ROW_ATTRIBUTES), Grid(t) + Join(m.attrs));
       EXPECT_EQ(tableGetSelection(back), m.sel);
       tableDestroy(back);
       collClose(c);
@@ -308,98 +283,74 @@ TEST(TableObject, WordWisePositioningAgreesWithAByteScan) {
 // ---------------------------------------------------------------- exact results
 
 TEST(TableObject, NewTableLayoutAndLimits) {
-  EXPECT_EQ(tableCreate(0, 1), 0u);
-  HTABLE t = tableCreate(3, 0x12345);
+  HTABLE t = tableCreate(3, 0x12345), wide = tableCreate(1019, 0), widest = tableCreate(64 * 1023 - 5, 0);
   ASSERT_EQ(t, 0x8001u);
-  const uint32_t want[][3] = {{coll::th::magic, 0x1212, 0}, {coll::th::length, 56, 0},  {coll::th::type, 0x2345, 0},
-                              {coll::th::rows, 0, 0},       {coll::th::cols, 3, 0},     {coll::th::selection, 0xFFFF, 0},
-                              {coll::th::rowsOffset, 3, 1}, {coll::th::attrOffset, 3, 1}, {coll::th::pages, 1, 1},
+  const uint32_t want[][3] = {{coll::th::magic, 0x1212, 0},    {coll::th::length, 56, 0},     {coll::th::type, 0x2345, 0},
+                              {coll::th::rows, 0, 0},          {coll::th::cols, 3, 0},        {coll::th::selection, 0xFFFF, 0},
+                              {coll::th::rowsOffset, 3, 1},    {coll::th::attrOffset, 3, 1},  {coll::th::pages, 1, 1},
                               {coll::th::owner, 0, 1}};
   for (const auto &w : want) EXPECT_EQ(Hdr(t, w[0], w[2]), w[1]) << w[0];
   EXPECT_EQ(Data(t), std::string(8, '\0'));
   EXPECT_EQ(tableGetType(t), 0x2345u);
   EXPECT_NE(tableGetStamp(t), 0u);
-  // Columns: as many pages as they need, up to 64; past that, or past 16
-  // bits, refused with nothing taken.
-  HTABLE wide = tableCreate(1019, 0), widest = tableCreate(64 * 1023 - 5, 0);
-  EXPECT_EQ(Hdr(wide, coll::th::pages, true), 2u);
-  EXPECT_EQ(Hdr(wide, coll::th::length), 48u + 1024u);
+  // Columns: as many pages as they need up to 64; past that, or past 16 bits, refused.
+  EXPECT_EQ(Hdr(wide, coll::th::pages, true) * 100000 + Hdr(wide, coll::th::length), 201072u);
   EXPECT_EQ(Hdr(widest, coll::th::pages, true), 64u);
-  for (uint32_t cols : {64u * 1023 - 4, 65536u, 0xFFFFFFFFu}) EXPECT_EQ(tableCreate(cols, 0), 0u) << cols;
+  for (uint32_t cols : {0u, 64u * 1023 - 4, 65536u, 0xFFFFFFFFu}) EXPECT_EQ(tableCreate(cols, 0), 0u) << cols;
   tableDestroy(t);
   EXPECT_EQ(tableCreate(1, 0), t);  // the lowest handle and record again
-  {
-    coll::LockGuard lock;
-    EXPECT_EQ(coll::TableDataIndex(coll::GetTablePtr(t)), 0u);
-    // Growth by whole pages, never shrinking, up to 64.
-    uint8_t *h = coll::GetTablePtr(t);  // length 54: 921 more bytes fit the first page
-    const std::pair<int32_t, uint32_t> steps[] = {{921, 1}, {922, 2}, {-40, 2}, {64 * 1023 - 102, 64}};
-    for (const auto &[growth, pages] : steps) {
-      EXPECT_NE(coll::LimitCheck(h, growth, t), nullptr) << growth;
-      EXPECT_EQ(coll::TablePages(h), pages) << growth;
-    }
-    EXPECT_EQ(coll::LimitCheck(h, 64 * 1023 - 101, t), nullptr);
+  coll::LockGuard lock;
+  uint8_t *h = coll::GetTablePtr(t);  // length 54: 921 more bytes fit the first page
+  EXPECT_EQ(coll::TableDataIndex(h), 0u);
+  // Growth by whole pages, never shrinking, up to 64.
+  for (const auto &[growth, pages] : {std::pair<int32_t, uint32_t>{921, 1}, {922, 2}, {-40, 2}, {64 * 1023 - 102, 64}}) {
+    EXPECT_NE(coll::LimitCheck(h, growth, t), nullptr) << growth;
+    EXPECT_EQ(coll::TablePages(h), pages) << growth;
   }
+  EXPECT_EQ(coll::LimitCheck(h, 64 * 1023 - 101, t), nullptr);
 }
 
 TEST(TableObject, DataLimitReachedExactlyAndRefusedOneByteLater) {
   // 1 name + 5 attributes = 6 bytes; one field of 65,369 bytes makes 65,376.
-  HTABLE t = tableCreate(1, 0);
+  HTABLE t = tableCreate(1, 0), empties = tableCreate(1, 0);
   ASSERT_EQ(tableAddRow(t, 0), 1u);
   const std::string big(65369, 'q');
   EXPECT_KEEPS_ON_FAILURE(tableSetItem(t, 0, 0, (big + "q").c_str()), 0u);
   ASSERT_EQ(tableSetItem(t, 0, 0, big.c_str()), 1u);
-  EXPECT_EQ(Hdr(t, coll::th::pages, true), 64u);
-  EXPECT_EQ(Hdr(t, coll::th::length), 65424u);
+  EXPECT_EQ(Hdr(t, coll::th::pages, true) * 100000 + Hdr(t, coll::th::length), 6465424u);
   EXPECT_KEEPS_ON_FAILURE(tableSetItem(t, ROW_HEADER, 0, "n"), 0u);
   EXPECT_KEEPS_ON_FAILURE(tableSetItem(t, ROW_HEADER, uint32_t(-5), "a"), 0u);
   EXPECT_KEEPS_ON_FAILURE(tableAddRow(t, uint32_t(ROW_APPEND)), 0u);
   EXPECT_KEEPS_ON_FAILURE(SetRow(t, 0, big + "q"), 0u);
   EXPECT_EQ(tableSetItem(t, 0, 0, "small"), 1u);
   ExpectOffsets(t);
-  tableDestroy(t);
   // Empty rows, one byte each, up to the limit.
-  t = tableCreate(1, 0);
   uint32_t added = 0;
-  while (tableAddRow(t, uint32_t(ROW_APPEND))) ++added;
+  while (tableAddRow(empties, uint32_t(ROW_APPEND))) ++added;
   EXPECT_EQ(added, 65376u - 6u);
-  EXPECT_EQ(tableAddRow(t, 0), 0u);
-  ExpectOffsets(t);
+  ExpectOffsets(empties);
 }
 
 TEST(TableObject, FailuresOfBadHandlesAndArguments) {
-  HTABLE t = MakeGrid("A|B/ab|[x]/k|");
-  const HTABLE gone = tableCreate(1, 0);
+  HTABLE t = MakeGrid("A|B/ab|[x]/k|"), gone = tableCreate(1, 0);
   tableDestroy(gone);
   for (HTABLE bad : {gone, HTABLE(0x4001), HTABLE(0)}) {
-    SCOPED_TRACE(bad);
     char buf[4] = "zz";
-    EXPECT_EQ(tableRowCount(bad), kNone);
-    EXPECT_EQ(tableColCount(bad), kNone);
-    EXPECT_EQ(tableGetType(bad), kNone);
-    EXPECT_EQ(tableGetStamp(bad), 0u);
-    EXPECT_EQ(tableGetSelection(bad), kNone);
-    EXPECT_EQ(tableSetSelection(bad, 0), 0u);
-    EXPECT_EQ(tableGetColIndex(bad, "A"), kNone);
-    EXPECT_EQ(tableFindField(bad, "ab", 2, 0, 0), kNone);
-    EXPECT_EQ(tableCompare(t, bad, 0, 0), kNone);
-    EXPECT_EQ(tableCopy(bad, 0), 0u);
-    EXPECT_EQ(tableSetItem(bad, 0, 0, "x"), 0u);
-    EXPECT_EQ(tableGetItem(bad, 0, 0, buf, sizeof buf), 0u);
+    const uint32_t got[] = {tableRowCount(bad), tableColCount(bad), tableGetType(bad), tableGetSelection(bad),
+                            tableGetColIndex(bad, "A"), tableFindField(bad, "ab", 2, 0, 0), tableCompare(t, bad, 0, 0),
+                            ~tableGetStamp(bad), ~tableSetSelection(bad, 0), ~tableCopy(bad, 0), ~tableSetItem(bad, 0, 0, "x"),
+                            ~tableGetItem(bad, 0, 0, buf, sizeof buf), ~tableGetRow(bad, 0, nullptr, 0)};
+    for (uint32_t g : got) EXPECT_EQ(g, kNone) << bad;
     EXPECT_EQ(buf[0], 0);  // a failing read leaves an empty text
-    EXPECT_EQ(tableGetRow(bad, 0, nullptr, 0), 0u);
   }
   // Texts: none, unterminated (the size bounds them), non-letters unequal.
   const char abc[3] = {'A', 'B', 'C'};
-  EXPECT_EQ(tableSetItem(t, 0, 0, nullptr), 0u);
-  EXPECT_EQ(tableGetItem(t, 0, 0, nullptr, 10), 0u);
-  EXPECT_EQ(tableGetColIndex(t, nullptr), kNone);
-  EXPECT_EQ(tableFindField(t, nullptr, 1, 0, 0), kNone);
-  EXPECT_EQ(tableFindAbbrev(t, abc, 2, 0, 0), 0u);
-  EXPECT_EQ(tableFindAbbrev(t, "zz", 0, 1, 0), 1u);
-  EXPECT_EQ(tableFindField(t, "{X}", kNone, 0, 1), kNone);
-  EXPECT_EQ(tableFindField(t, "", kNone, 0, 1), 1u);
-  EXPECT_EQ(tableCompare(t, t, 3, 0), 2u);  // one data block: its row count
+  const uint32_t got[][2] = {{tableSetItem(t, 0, 0, nullptr), 0},       {tableGetItem(t, 0, 0, nullptr, 10), 0},
+                             {tableGetColIndex(t, nullptr), kNone},     {tableFindField(t, nullptr, 1, 0, 0), kNone},
+                             {tableFindAbbrev(t, abc, 2, 0, 0), 0},     {tableFindAbbrev(t, "zz", 0, 1, 0), 1},
+                             {tableFindField(t, "{X}", kNone, 0, 1), kNone}, {tableFindField(t, "", kNone, 0, 1), 1},
+                             {tableCompare(t, t, 3, 0), 2}};  // one data block: its row count
+  for (size_t i = 0; i < std::size(got); ++i) EXPECT_EQ(got[i][0], got[i][1]) << i;
   // Packed rows: no bytes, a last byte that is not 0, no buffer.
   for (const auto &[bytes, size] : {std::pair<const char *, uint32_t>{"ab", 0}, {"ab", 2}, {nullptr, 2}})
     EXPECT_KEEPS_ON_FAILURE(tableSetRow(t, 0, bytes, size), 0u);
@@ -414,26 +365,23 @@ TEST(TableObject, FailuresOfBadHandlesAndArguments) {
 }
 
 TEST(TableObject, DataEndingInsideAStringStaysInBounds) {
-  // A loaded image may end in the middle of its last string.
-  HTABLE t = MakeGrid("c0/r0c0");
+  HTABLE t = MakeGrid("c0/r0c0");  // as a loaded image may: the last string cut short
   tableSetItem(t, ROW_HEADER, uint32_t(-5), "xy");
+  const uint32_t length = Hdr(t, coll::th::length);
   {
     coll::LockGuard lock;
-    uint8_t *h = coll::GetTablePtr(t);
-    coll::wr16(h + coll::th::length, coll::TableLength(h) - 1);
+    coll::wr16(coll::GetTablePtr(t) + coll::th::length, length - 1);
   }
   EXPECT_EQ(Field(t, ROW_HEADER, uint32_t(-5)), "xy");
   EXPECT_EQ(tableGetRow(t, uint32_t(ROW_ATTRIBUTES), nullptr, 0), 6u);
   ASSERT_EQ(tableSetItem(t, ROW_HEADER, uint32_t(-5), "z"), 1u);
-  EXPECT_EQ(Row(t, ROW_ATTRIBUTES), "||||z");
-  EXPECT_EQ(Field(t, 0, 0), "r0c0");
+  EXPECT_EQ(Grid(t) + "/" + Row(t, ROW_ATTRIBUTES), "c0/r0c0/||||z");
   ExpectOffsets(t);
 }
 
-TEST(TableCopyOnWrite, SharersKeepOneBlockUntilAChange) {
+TEST(TableObject, SharersAndSlots) {
   HTABLE a = MakeGrid("A|B/1|2/3|4"), b = tableCopy(a, 0), c = tableCopy(a, 0);
   EXPECT_EQ(RefCount(a), 3u);
-  EXPECT_EQ(Hdr(b, coll::th::owner, true), 0u);
   // Changes that are refused leave the block shared.
   tableDeleteRow(b, 2);
   EXPECT_EQ(tableSetItem(b, 2, 0, "x"), 0u);
@@ -441,19 +389,15 @@ TEST(TableCopyOnWrite, SharersKeepOneBlockUntilAChange) {
   EXPECT_EQ(RefCount(a), 3u);
   // A change through the middle one leaves the other two sharing.
   tableSetItem(b, 0, 0, "b");
-  EXPECT_EQ(RefCount(a), 2u);
-  EXPECT_EQ(RefCount(b), 1u);
+  EXPECT_EQ(RefCount(a) * 10 + RefCount(b), 21u);
   EXPECT_EQ(tableCompare(a, c, 9, 0), 2u);
-  EXPECT_EQ(tableCompare(a, b, 0, 0), 0u);
-}
-
-TEST(TableObject, NoFreeSlotLeavesNothingBehind) {
+  // No free slot: nothing is left behind.
   std::vector<HTABLE> tables;
   for (HTABLE t; (t = tableCreate(2, 0)) != 0;) tables.push_back(t);
-  ASSERT_EQ(tables.size(), 254u);
-  EXPECT_EQ(tableCopy(tables[0], 0), 0u);
-  HCOLL c = collOpen("c");
-  EXPECT_KEEPS_ON_FAILURE(collSetTable(c, "t", tables[0]), 0u);
+  EXPECT_EQ(tables.size(), 251u);
+  EXPECT_EQ(tableCopy(a, 0), 0u);
+  HCOLL h = collOpen("c");
+  EXPECT_KEEPS_ON_FAILURE(collSetTable(h, "t", a), 0u);
   tableDestroy(tables[100]);
   EXPECT_EQ(tableCreate(1, 0), tables[100]);
 }
@@ -461,12 +405,11 @@ TEST(TableObject, NoFreeSlotLeavesNothingBehind) {
 // ---------------------------------------------------------------- tables in collections
 
 TEST(CollTables, StoredTableIsAnOwnedSnapshot) {
-  HCOLL c = collOpen("c");
-  HTABLE t = MakeGrid("Name|Town/ann|Oslo/bob|Rome/cy|");
+  HCOLL c = collOpen("c"), d = collOpen("d");
+  HTABLE t = MakeGrid("Name|Town/ann|Oslo/bob|Rome/cy|"), item = 0;
   tableSetSelection(t, 1);
   ASSERT_EQ(collSetTable(c, "people", t), 1u);
   EXPECT_EQ(collGetType(c, "PEOPLE"), uint32_t(COLLTYPE_TABLE));
-  HTABLE item = 0;
   {
     coll::LockGuard lock;
     uint8_t *img, *header;
@@ -482,18 +425,15 @@ TEST(CollTables, StoredTableIsAnOwnedSnapshot) {
   tableDestroy(t);
   EXPECT_EQ(tableRowCount(t), kNone);
   EXPECT_EQ(Grid(item), "Name|Town/ann|Oslo/bob|Rome/cy|");
-  // A copied item shares until changed through its own handle.
-  HCOLL d = collOpen("d");
+  // A copied item shares until changed through its own handle; a table
+  // taken out is the caller's and outlives the collection.
   ASSERT_EQ(collCopyItem(d, c, "people"), 1u);
-  EXPECT_EQ(RefCount(item), 2u);
   HTABLE out = collGetTable(d, "people");
-  EXPECT_EQ(Hdr(out, coll::th::owner, true), 0u);
-  EXPECT_EQ(tableGetSelection(out), 1u);
-  EXPECT_EQ(RefCount(item), 3u);
+  EXPECT_EQ(RefCount(item) * 100 + Hdr(out, coll::th::owner, true) * 10 + tableGetSelection(out), 301u);
   tableDeleteRow(out, 0);
   EXPECT_EQ(collTableRowCount(d, "people"), 3u);
   collClose(d);
-  EXPECT_EQ(tableRowCount(out), 2u);  // the caller's table outlives the collection
+  EXPECT_EQ(tableRowCount(out), 2u);
   // Replacing the item releases its handle; task abort ends free tables.
   ASSERT_EQ(collSetItem(c, "people", "x", 1), 1u);
   EXPECT_EQ(tableRowCount(item), kNone);
@@ -509,30 +449,23 @@ TEST(CollTables, RefusalsByTag) {
   HCOLL c = collOpen("c");
   HTABLE t = MakeGrid("A/1");
   collSetItem(c, "raw", "x", 1);
-  EXPECT_KEEPS_ON_FAILURE(collSetTable(c, nullptr, t), 0u);
-  EXPECT_KEEPS_ON_FAILURE(collSetTable(0x40FE, "x", t), 0u);
-  EXPECT_KEEPS_ON_FAILURE(collSetTable(0x4001, "x", t), 0u);
-  EXPECT_KEEPS_ON_FAILURE(collSetTable(c, "x", 0x80FE), 0u);
-  EXPECT_KEEPS_ON_FAILURE(collSetTable(c, "", t), 0u);
+  for (const auto &[h, tag, table] : {std::tuple<HCOLL, const char *, HTABLE>{c, nullptr, t}, {0x40FE, "x", t},
+                                      {0x4001, "x", t}, {c, "x", 0x80FE}, {c, "", t}})
+    EXPECT_KEEPS_ON_FAILURE(collSetTable(h, tag, table), 0u);
   for (const auto &[h, tag] : {std::pair<HCOLL, const char *>{c, "raw"}, {c, "missing"}, {c, nullptr}, {0x40FE, "t"}}) {
     char buf[4] = "zz";
-    EXPECT_EQ(collGetTable(h, tag), 0u);
-    EXPECT_EQ(collTableRowCount(h, tag), kNone);
-    EXPECT_EQ(collTableColCount(h, tag), kNone);
-    EXPECT_EQ(collTableGetStamp(h, tag), 0u);
-    EXPECT_EQ(collTableGetSelection(h, tag), kNone);
-    EXPECT_EQ(collTableSetSelection(h, tag, 0), 0u);
-    EXPECT_EQ(collTableGetField(h, tag, 0, 0, buf, sizeof buf), 0u);
+    const uint32_t got[] = {collTableRowCount(h, tag), collTableColCount(h, tag), collTableGetSelection(h, tag),
+                            collTableFindAbbrev(h, tag, "", kNone, 0, 0), ~collGetTable(h, tag), ~collTableGetStamp(h, tag),
+                            ~collTableSetSelection(h, tag, 0), ~collTableGetField(h, tag, 0, 0, buf, sizeof buf),
+                            ~collTableGetRow(h, tag, 0, buf, sizeof buf)};
+    for (uint32_t g : got) EXPECT_EQ(g, kNone) << tag;
     EXPECT_EQ(buf[0], h == c && tag ? 0 : 'z');  // emptied once the arguments pass
-    EXPECT_EQ(collTableGetRow(h, tag, 0, buf, sizeof buf), 0u);
-    EXPECT_EQ(collTableFindAbbrev(h, tag, "", kNone, 0, 0), kNone);
   }
   collSetTable(c, "t", t);
   EXPECT_EQ(collTableGetColIndex(c, "t", nullptr), kNone);
   EXPECT_EQ(collTableFindField(c, "t", nullptr, 1, 0, 0), kNone);
   EXPECT_EQ(collTableSetSelection(c, "t", 0), 1u);  // the item's own selection
-  EXPECT_EQ(collTableGetSelection(c, "t"), 0u);
-  EXPECT_EQ(tableGetSelection(t), kNone);
+  EXPECT_EQ(collTableGetSelection(c, "t") * 10 + tableGetSelection(t), 0u * 10 + kNone);
   EXPECT_EQ(collTableSetSelection(c, "t", 1), 1u);
   EXPECT_EQ(collTableGetSelection(c, "t"), kNone);
 }
@@ -544,30 +477,24 @@ TEST(CollTables, SelectedRowToCollection) {
     SCOPED_TRACE(byTag);
     HCOLL from = collOpen("from"), dest = collOpen("dest");
     HTABLE t = MakeGrid("Name|Town|Zip/ann||123/bob|Rome|456");
-    collSetTable(from, "p", t);
-    auto copy = [&](uint32_t sel) {
+    auto copy = [&](uint32_t sel, HCOLL to = 0) {
       tableSetSelection(t, sel);
-      collTableSetSelection(from, "p", sel);
-      return byTag ? collTableDataToCollection(dest, from, "p") : tableDataToCollection(t, dest);
+      collSetTable(from, "p", t);
+      return byTag ? collTableDataToCollection(to ? to : dest, from, "p") : tableDataToCollection(t, to ? to : dest);
     };
     collSetItem(dest, "Town", "old", 3);
     EXPECT_EQ(copy(kNone), 0u);
     EXPECT_EQ(testutil::Tags(dest), "Town");
     ASSERT_EQ(copy(1), 1u);
-    EXPECT_EQ(testutil::Tags(dest), "Name,Town,Zip");
+    EXPECT_EQ(testutil::Tags(dest) + " " + Text(dest, "TOWN"), "Name,Town,Zip Rome");
     EXPECT_EQ(collGetType(dest, "town"), uint32_t(COLLTYPE_STRING));
-    EXPECT_STREQ(testutil::Item(dest, "Town").c_str(), "Rome");
     ASSERT_EQ(copy(0), 1u);
-    EXPECT_EQ(testutil::Tags(dest), "Name,Zip");
-    EXPECT_STREQ(testutil::Item(dest, "name").c_str(), "ann");
-    // The catalog is not refused as the destination.
-    EXPECT_EQ(byTag ? collTableDataToCollection(0x4001, from, "p") : tableDataToCollection(t, 0x4001), 1u);
+    EXPECT_EQ(testutil::Tags(dest) + " " + Text(dest, "name"), "Name,Zip ann");
+    EXPECT_EQ(copy(1, 0x4001), 1u);  // the catalog is not refused as the destination
+    EXPECT_EQ(copy(1, 0x40FE), 0u);
     SetRow(t, ROW_NAMES, "A||C");
-    collSetTable(from, "p", t);
     EXPECT_EQ(copy(1), 0u);  // A is stored before the empty name stops it
-    EXPECT_STREQ(testutil::Item(dest, "A").c_str(), "bob");
-    EXPECT_EQ(testutil::Item(dest, "C"), "<missing>");
-    EXPECT_EQ(byTag ? collTableDataToCollection(0x40FE, from, "p") : tableDataToCollection(t, 0x40FE), 0u);
+    EXPECT_EQ(Text(dest, "A") + Text(dest, "C"), "bob<missing>");
     EXPECT_EQ(byTag ? collTableDataToCollection(dest, from, "none") : tableDataToCollection(0x80FE, dest), 0u);
     EXPECT_EQ(collTableDataToCollection(dest, 0x40FE, "p"), 0u);
     collClose(from);
@@ -581,8 +508,7 @@ TEST(CollTables, SelectedRowToCollection) {
   collSetTable(c, "p", t);
   const uint32_t open = collGetNonSharedHandles(nullptr, 0);
   ASSERT_EQ(collTableDataToCollection(c, c, "p"), 1u);
-  EXPECT_EQ(testutil::Tags(c), "p,Second");
-  EXPECT_STREQ(testutil::Item(c, "p").c_str(), "first");
+  EXPECT_EQ(testutil::Tags(c) + " " + Text(c, "p"), "p,Second first");
   EXPECT_EQ(collTableDataToCollection(c, c, "p"), 0u);
   EXPECT_EQ(collGetNonSharedHandles(nullptr, 0), open);  // no temporary collection stays
   EXPECT_EQ(RecordsInUse(), 1u);
@@ -592,17 +518,15 @@ TEST(CollTables, SelectedRowToCollection) {
 // call fails as documented and nothing is left behind.
 TEST(TableAllocFailure, EveryAllocationFailsInTurn) {
   tableRowCount(0);  // start-up happens outside the runs
+  const std::string wide(1500, 'w');  // growth past the first page
   for (uint32_t n = 1;; ++n) {
     platform::FailAllocation(n);
     if (HTABLE t = tableCreate(2, 0)) {
       SetRow(t, ROW_NAMES, "x|y");
       const uint32_t added = SetRow(t, ROW_APPEND, "a|b");
       EXPECT_EQ(tableRowCount(t), added);
-      const std::string wide(1500, 'w');  // growth past the first page
-      if (added) {
-        const uint32_t set = tableSetItem(t, 0, 1, wide.c_str());
-        EXPECT_EQ(Field(t, 0, 1), set ? wide : "b");
-      }
+      const uint32_t set = added ? tableSetItem(t, 0, 1, wide.c_str()) : 0;
+      EXPECT_EQ(Field(t, 0, 1), set ? wide : added ? "b" : "<none>");
       const std::string before = Data(t);
       if (HTABLE copy = tableCopy(t, 0)) {
         EXPECT_EQ(Data(copy) == before, tableAddRow(copy, 0) == 0);
@@ -613,9 +537,8 @@ TEST(TableAllocFailure, EveryAllocationFailsInTurn) {
       if (c && collSetTable(c, "t", t)) {
         tableDestroy(collGetTable(c, "t"));
         tableSetSelection(t, 0);
-        if (tableDataToCollection(t, c)) {
-          EXPECT_EQ(testutil::Tags(c), "t,x,y");
-        }
+        const uint32_t copied = tableDataToCollection(t, c);
+        EXPECT_TRUE(!copied || testutil::Tags(c) == "t,x,y");
       }
       collClose(c);
       EXPECT_EQ(testutil::CheckState(), "") << n;
@@ -623,8 +546,7 @@ TEST(TableAllocFailure, EveryAllocationFailsInTurn) {
     }
     const uint32_t made = platform::FailAllocation(0);
     uint32_t handles[4];
-    ASSERT_EQ(collGetTableHandles(handles, sizeof handles), 0u) << n;
-    ASSERT_EQ(RecordsInUse(), 0u) << n;
+    ASSERT_EQ(collGetTableHandles(handles, sizeof handles) * 1000 + RecordsInUse(), 0u) << n;
     if (made < n) break;
     ASSERT_LT(n, 1000u);
   }

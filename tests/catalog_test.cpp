@@ -43,8 +43,7 @@ class Ini : public ::testing::Test {
     return s;
   }
   void SetFile(const std::string &text) const {
-    FILE *f = std::fopen(ini_.path().c_str(), "wb");
-    ASSERT_NE(f, nullptr);
+    FILE *f = std::fopen(ini_.path().c_str(), "wb"); ASSERT_NE(f, nullptr);
     std::fwrite(text.data(), 1, text.size(), f);
     std::fclose(f);
   }
@@ -74,35 +73,26 @@ std::string Keys(const char *section, uint32_t size = 10000) {
 }
 // Vanishes without a close, leaving its catalog entry stale.
 void Vanish(HCOLL h) {
-  coll::LockGuard lock;
-  coll::DestroyCollHandle(h);
+  coll::LockGuard lock; coll::DestroyCollHandle(h);
 }
 
 // ---------------------------------------------------------------- catalog
 
 TEST_F(Ini, SharedCollectionsAndTheCatalog) {
-  EXPECT_EQ(Name(kCatalog), "_Catalog");
-  EXPECT_EQ(collGetShareCount(kCatalog) * 10 + collItemCount(kCatalog), 10u);
+  EXPECT_EQ(Name(kCatalog), "_Catalog"); EXPECT_EQ(collGetShareCount(kCatalog) * 10 + collItemCount(kCatalog), 10u);
   // Names of 1 to 64 characters, matched without regard to case; the
   // catalog lists each under its first opener's spelling, as raw bytes.
   const std::string n65(65, 'n');
   for (const char *bad : {"", static_cast<const char *>(nullptr), n65.c_str()}) EXPECT_EQ(collOpenShared(bad), 0u);
   const std::string n64(64, 'n');
   HCOLL h = collOpenShared("Orders"), p = collOpen("Orders"), n = collOpenShared(n64.c_str());
-  ASSERT_TRUE(h && p && n);
-  EXPECT_NE(p, h);
-  EXPECT_EQ(Name(h) + Name(n), "Orders" + n64);
-  EXPECT_EQ(collOpenShared("oRDERS"), h);
-  EXPECT_EQ(collOpenShared(std::string(64, 'N').c_str()), n);
-  EXPECT_EQ(collGetShareCount(h), 2u);
-  EXPECT_EQ(Tags(kCatalog), "Orders," + n64);
+  ASSERT_TRUE(h && p && n); EXPECT_NE(p, h); EXPECT_EQ(Name(h) + Name(n), "Orders" + n64);
+  EXPECT_EQ(collOpenShared("oRDERS"), h); EXPECT_EQ(collOpenShared(std::string(64, 'N').c_str()), n);
+  EXPECT_EQ(collGetShareCount(h), 2u); EXPECT_EQ(Tags(kCatalog), "Orders," + n64);
   EXPECT_EQ(collGetType(kCatalog, "ORDERS"), uint32_t(COLLTYPE_ITEM));
   EXPECT_EQ(Item(kCatalog, "orders"), std::to_string(h));
   // The last close ends it and its entry.
-  collClose(h);
-  EXPECT_EQ(collGetShareCount(h), 1u);
-  collClose(h);
-  EXPECT_EQ(collIsBadCollHandle(h), 1u);
+  collClose(h); EXPECT_EQ(collGetShareCount(h), 1u); collClose(h); EXPECT_EQ(collIsBadCollHandle(h), 1u);
   EXPECT_EQ(Tags(kCatalog), n64);
   // The catalog's own name in any case gives the catalog; closes never end it.
   for (const char *name : {"_Catalog", "_catalog", "_CATALOG"}) EXPECT_EQ(collOpenShared(name), kCatalog);
@@ -117,58 +107,41 @@ TEST_F(Ini, SectionsLoadOnceAsTextAndStaleEntriesAreReplaced) {
   SetFile("; orders kept here\n[Other]\nCount=1\n[ Orders ]\nCount=12\n  Name =  abc  \nEmpty=\n; Note=x\nnot a key\n"
           "long=" + std::string(300, 'v') + "\n");
   HCOLL h = collOpenShared("Orders");
-  EXPECT_EQ(Tags(h), "Count,Name,long");
-  EXPECT_EQ(collGetType(h, "Count"), uint32_t(COLLTYPE_STRING));
-  EXPECT_EQ(String(h, "name"), "abc");
-  EXPECT_EQ(String(h, "long"), std::string(254, 'v'));
+  EXPECT_EQ(Tags(h), "Count,Name,long"); EXPECT_EQ(collGetType(h, "Count"), uint32_t(COLLTYPE_STRING));
+  EXPECT_EQ(String(h, "name"), "abc"); EXPECT_EQ(String(h, "long"), std::string(254, 'v'));
   SetFile("[Orders]\nCount=99\nMore=1\n");
   EXPECT_EQ(collOpenShared("orders"), h);  // already open: not read again
-  EXPECT_EQ(String(h, "Count"), "12");
-  ASSERT_TRUE(collSetString(h, "Count", "changed"));
-  Vanish(h);
+  EXPECT_EQ(String(h, "Count"), "12"); ASSERT_TRUE(collSetString(h, "Count", "changed")); Vanish(h);
   HCOLL again = collOpenShared("ORDERS");
-  EXPECT_EQ(collGetShareCount(again), 1u);
-  EXPECT_EQ(Tags(again), "Count,More");
-  EXPECT_EQ(String(again, "Count"), "99");
-  EXPECT_EQ(Tags(kCatalog), "ORDERS");
+  EXPECT_EQ(collGetShareCount(again), 1u); EXPECT_EQ(Tags(again), "Count,More");
+  EXPECT_EQ(String(again, "Count"), "99"); EXPECT_EQ(Tags(kCatalog), "ORDERS");
   EXPECT_EQ(Item(kCatalog, "orders"), std::to_string(again));
   // No file: an empty collection, and opening never writes.
   std::remove(ini_.path().c_str());
-  EXPECT_EQ(collItemCount(collOpenShared("Nothing")), 0u);
-  EXPECT_EQ(File(), "");
+  EXPECT_EQ(collItemCount(collOpenShared("Nothing")), 0u); EXPECT_EQ(File(), "");
 }
 
 TEST_F(Ini, UniqueCollections) {
   SetFile("[Fresh]\na=1\n[Busy]\nx=1\n[Busy_1]\ny=2\n");
   HCOLL orders = collOpenShared("Orders"), busy = collOpenShared("Busy");
   HCOLL u1 = collOpenUnique("Orders"), u2 = collOpenUnique("orders"), ub = collOpenUnique("Busy");
-  ASSERT_TRUE(orders && u1 && u2 && ub);
-  EXPECT_EQ(Name(u1), "Orders_1");
-  EXPECT_EQ(Name(u2), "orders_2");
+  ASSERT_TRUE(orders && u1 && u2 && ub); EXPECT_EQ(Name(u1), "Orders_1"); EXPECT_EQ(Name(u2), "orders_2");
   // A unique collection starts empty even when its section has keys.
-  EXPECT_EQ(Name(ub), "Busy_1");
-  EXPECT_EQ(collItemCount(ub) * 10 + collItemCount(busy), 1u);
-  EXPECT_EQ(collOpenShared("ORDERS_1"), u1);
-  EXPECT_EQ(collGetShareCount(u1), 2u);
-  collClose(u1);
-  collClose(u1);
+  EXPECT_EQ(Name(ub), "Busy_1"); EXPECT_EQ(collItemCount(ub) * 10 + collItemCount(busy), 1u);
+  EXPECT_EQ(collOpenShared("ORDERS_1"), u1); EXPECT_EQ(collGetShareCount(u1), 2u); collClose(u1); collClose(u1);
   Vanish(u2);
   // Freed and stale names are handed out again.
-  EXPECT_EQ(Name(collOpenUnique("Orders")), "Orders_1");
-  EXPECT_EQ(Name(collOpenUnique("Orders")), "Orders_2");
+  EXPECT_EQ(Name(collOpenUnique("Orders")), "Orders_1"); EXPECT_EQ(Name(collOpenUnique("Orders")), "Orders_2");
   EXPECT_EQ(Tags(kCatalog), "Orders,Busy,Orders_2,Busy_1,Orders_1");
   // A free name is the name itself, empty, and never read from the file.
   HCOLL fresh = collOpenUnique("Fresh");
-  EXPECT_EQ(Name(fresh), "Fresh");
-  EXPECT_EQ(collOpenShared("fresh"), fresh);
-  EXPECT_EQ(collItemCount(fresh), 0u);
+  EXPECT_EQ(Name(fresh), "Fresh"); EXPECT_EQ(collOpenShared("fresh"), fresh); EXPECT_EQ(collItemCount(fresh), 0u);
   EXPECT_EQ(collOpenUnique("_CATALOG"), kCatalog);
   // Names in use of 63 or 64 characters leave no room for "_1".
   for (size_t len : {62u, 63u, 64u}) {
     const std::string name(len, char('a' + len - 62));
     HCOLL h = collOpenShared(name.c_str());
-    EXPECT_EQ(Name(collOpenUnique(name.c_str())), len == 62 ? name + "_1" : "");
-    EXPECT_EQ(collGetShareCount(h), 1u);
+    EXPECT_EQ(Name(collOpenUnique(name.c_str())), len == 62 ? name + "_1" : ""); EXPECT_EQ(collGetShareCount(h), 1u);
   }
   const std::string x65(65, 'x');
   for (const char *bad : {"", static_cast<const char *>(nullptr), x65.c_str()}) EXPECT_EQ(collOpenUnique(bad), 0u);
@@ -186,8 +159,7 @@ TEST_F(Ini, WriteRendersEachTypeAndReadsBackAsText) {
               collSetString(h, "t128", std::string(128, 's').c_str()) && collSetTime(h, "time", 86400) &&
               collSetNumeric(child, "x", 1) && collSetColl(h, "nested", child));
   {
-    coll::LockGuard lock;
-    static const uint8_t noTable[4] = {};
+    coll::LockGuard lock; static const uint8_t noTable[4] = {};
     ASSERT_TRUE(coll::SetItem(h, "table", coll::BuildItem(COLLTYPE_TABLE, noTable, 4), 0));
     ASSERT_TRUE(coll::SetItem(h, "seven", coll::BuildItem(7, "s\x01" "7\0tail", 8), 0));
     ASSERT_TRUE(coll::SetItem(h, "sevenEmpty", coll::BuildItem(7, "\0x", 2), 0));
@@ -197,15 +169,12 @@ TEST_F(Ini, WriteRendersEachTypeAndReadsBackAsText) {
                         std::string(127, 's') + "\ntime=Fri Jan  2 00:00:00 1970\nseven=s\x01" "7\n");
   HCOLL s = collOpenShared("w");
   EXPECT_EQ(Tags(s), "num,neg,raw,del,text,high,t127,time,seven");
-  EXPECT_EQ(collGetType(s, "num"), uint32_t(COLLTYPE_STRING));
-  EXPECT_EQ(String(s, "neg"), "-7");
+  EXPECT_EQ(collGetType(s, "num"), uint32_t(COLLTYPE_STRING)); EXPECT_EQ(String(s, "neg"), "-7");
   // The catalog, and tags longer than any working buffer.
   const std::string tag(300, 't');
   HCOLL l = collOpen("Long");
-  collSetNumeric(l, tag.c_str(), 1);
-  EXPECT_EQ(collWrite(l) + collWrite(kCatalog), 2u);
-  EXPECT_EQ(Value("Long", tag.c_str()), "1");
-  EXPECT_EQ(Value("_catalog", "W"), std::to_string(s));
+  collSetNumeric(l, tag.c_str(), 1); EXPECT_EQ(collWrite(l) + collWrite(kCatalog), 2u);
+  EXPECT_EQ(Value("Long", tag.c_str()), "1"); EXPECT_EQ(Value("_catalog", "W"), std::to_string(s));
 }
 
 TEST_F(Ini, WriteReplacesOnlyItsSection) {
@@ -221,15 +190,13 @@ TEST_F(Ini, WriteReplacesOnlyItsSection) {
 #endif
   // A key no line can hold ends the walk.
   ASSERT_TRUE(collSetNumeric(e, "a", 1) && collSetNumeric(e, "[b", 2) && collSetNumeric(e, "c", 3));
-  EXPECT_EQ(collWrite(e), 0u);
-  EXPECT_EQ(Keys("e"), "a|");
+  EXPECT_EQ(collWrite(e), 0u); EXPECT_EQ(Keys("e"), "a|");
   // Names no section can hold go to "_unnamed"; each write replaces it.
   HCOLL none = collOpen(nullptr), ctrl = collOpen("a\x1f"), high = collOpen("b\x80"), del = collOpen("c\x7f");
   const HCOLL hs[] = {none, ctrl, high, del};
   for (int i = 0; i < 4; ++i) collSetNumeric(hs[i], std::to_string(i).c_str(), i);
   for (HCOLL x : hs) EXPECT_EQ(collWrite(x), 1u);
-  EXPECT_EQ(Keys("_unnamed"), "2|");
-  EXPECT_EQ(Value("C\x7f", "3"), "3");
+  EXPECT_EQ(Keys("_unnamed"), "2|"); EXPECT_EQ(Value("C\x7f", "3"), "3");
 }
 
 // ---------------------------------------------------------------- unique names
@@ -260,23 +227,19 @@ TEST_F(Ini, GeneratedNames) {
       std::remove(ini_.path().c_str());
     char buf[100];
     std::memset(buf, '#', sizeof buf);
-    EXPECT_EQ(collGenerateNewName(buf, c.size), c.result);
-    EXPECT_STREQ(buf, c.name);
+    EXPECT_EQ(collGenerateNewName(buf, c.size), c.result); EXPECT_STREQ(buf, c.name);
     EXPECT_EQ(Value("_General", "UniqueName"), c.next ? c.next : "<none>");
   }
   // Cut to 99 characters; counting on from the cut name.
   SetFile("[_General]\nUniqueName=n_" + std::string(120, 'q') + "\n");
   char buf[200];
-  EXPECT_EQ(collGenerateNewName(buf, 200), 99u);
-  EXPECT_EQ(std::string(buf), "n_" + std::string(97, 'q'));
+  EXPECT_EQ(collGenerateNewName(buf, 200), 99u); EXPECT_EQ(std::string(buf), "n_" + std::string(97, 'q'));
   EXPECT_EQ(Value("_General", "UniqueName"), "n_" + std::string(96, 'q') + "r");
   // No buffer: a name is skipped only when the size could hold it.
   std::remove(ini_.path().c_str());
   for (uint32_t size : {0u, 13u}) EXPECT_EQ(collGenerateNewName(nullptr, size), 0u);
-  EXPECT_EQ(collGenerateNewName(reinterpret_cast<char *>(0x10), 100), 0u);
-  EXPECT_EQ(File(), "");
-  EXPECT_EQ(collGenerateNewName(nullptr, 14), 14u);
-  EXPECT_EQ(collGenerateNewName(buf, 15), 14u);
+  EXPECT_EQ(collGenerateNewName(reinterpret_cast<char *>(0x10), 100), 0u); EXPECT_EQ(File(), "");
+  EXPECT_EQ(collGenerateNewName(nullptr, 14), 14u); EXPECT_EQ(collGenerateNewName(buf, 15), 14u);
   EXPECT_STREQ(buf, "local_aaaaaaab");
 }
 
@@ -284,19 +247,14 @@ TEST_F(Ini, GeneratedNames) {
 
 TEST_F(Ini, ServiceReadsWritesAndRefuses) {
   SetFile("[Sec]\n  Key  =  some value  \nother=x=y\nalpha=1\n[sec]\nshadowed=1\n");
-  EXPECT_EQ(Value(" sec ", " KEY "), "some value");
-  EXPECT_EQ(Value("sec", "other"), "x=y");
-  EXPECT_EQ(Value("sec", "shadowed"), "<none>");
-  EXPECT_EQ(Value("none", "key", "dflt"), "dflt");
+  EXPECT_EQ(Value(" sec ", " KEY "), "some value"); EXPECT_EQ(Value("sec", "other"), "x=y");
+  EXPECT_EQ(Value("sec", "shadowed"), "<none>"); EXPECT_EQ(Value("none", "key", "dflt"), "dflt");
   EXPECT_EQ(Keys("sec"), "Key|other|alpha|");
   EXPECT_EQ(Keys("sec", 11), "Key|other|");  // only whole names fit
-  EXPECT_EQ(Keys("sec", 10), "Key|");
-  EXPECT_EQ(Keys("sec", 1), "");
-  EXPECT_EQ(Keys("absent"), "");
+  EXPECT_EQ(Keys("sec", 10), "Key|"); EXPECT_EQ(Keys("sec", 1), ""); EXPECT_EQ(Keys("absent"), "");
   char buf[4] = "###";
   EXPECT_EQ(platform::ProfileReadString("S", "alpha", "", buf, 1) + buf[0], 0);
-  EXPECT_EQ(platform::ProfileReadString("S", "zz", "default", buf, 4), 3u);
-  EXPECT_STREQ(buf, "def");
+  EXPECT_EQ(platform::ProfileReadString("S", "zz", "default", buf, 4), 3u); EXPECT_STREQ(buf, "def");
   for (const auto &[s, k] : {std::pair<const char *, const char *>{"S", "[k"}, {"S", "k\nx"}, {"S\n", "k"}, {"  ", "k"}, {"S", " "}})
     EXPECT_FALSE(platform::ProfileWriteString(s, k, "v")) << s << k;
   ASSERT_TRUE(platform::ProfileWriteString("SEC", "KEY", "new") && platform::ProfileWriteString("Sec", "added", "one\ntwo") &&
@@ -307,14 +265,10 @@ TEST_F(Ini, ServiceReadsWritesAndRefuses) {
   EXPECT_EQ(File(), "[Sec]\nKEY=new\nother=x=y\nalpha=1\nadded=one\n[sec]\nshadowed=1\n[a]b]\nc= d \n");
 #endif
   EXPECT_EQ(Value("A]B", "c"), "d");
-  ASSERT_TRUE(platform::ProfileDeleteSection("sEc") && platform::ProfileDeleteSection("a]b"));
-  EXPECT_EQ(File(), "");
+  ASSERT_TRUE(platform::ProfileDeleteSection("sEc") && platform::ProfileDeleteSection("a]b")); EXPECT_EQ(File(), "");
   // A file without a final line break.
-  SetFile("[S]\nk=v");
-  ASSERT_TRUE(platform::ProfileWriteString("T", "x", "y"));
-  EXPECT_EQ(File(), "[S]\nk=v\n[T]\nx=y\n");
-  SetFile("[S]");
-  ASSERT_TRUE(platform::ProfileWriteString("S", "k", "v"));
+  SetFile("[S]\nk=v"); ASSERT_TRUE(platform::ProfileWriteString("T", "x", "y"));
+  EXPECT_EQ(File(), "[S]\nk=v\n[T]\nx=y\n"); SetFile("[S]"); ASSERT_TRUE(platform::ProfileWriteString("S", "k", "v"));
   EXPECT_EQ(File(), "[S]\nk=v\n");
 }
 
@@ -329,35 +283,24 @@ bool ChildSucceeded(pid_t pid) {
     if (r < 0 && errno != EINTR) return false;
     usleep(10000);
   }
-  kill(pid, SIGKILL);
-  waitpid(pid, &status, 0);
+  kill(pid, SIGKILL); waitpid(pid, &status, 0);
   return false;
 }
 
 TEST_F(Ini, LinksDefaultLocationAndOtherProcesses) {
   const std::string dir = ini_.dir(), target = dir + "/real.ini", link = dir + "/link.ini";
-  ASSERT_EQ(symlink("real.ini", link.c_str()), 0);
-  collHostSetProfilePath(target.c_str());
-  ASSERT_TRUE(platform::ProfileWriteString("S", "old", "1"));
-  collHostSetProfilePath(link.c_str());
-  ASSERT_TRUE(platform::ProfileWriteString("S", "k", "v"));
-  struct stat st;
-  ASSERT_EQ(lstat(link.c_str(), &st), 0);
-  EXPECT_TRUE(S_ISLNK(st.st_mode));
-  collHostSetProfilePath(target.c_str());
-  EXPECT_EQ(Value("s", "K"), "v");
+  ASSERT_EQ(symlink("real.ini", link.c_str()), 0); collHostSetProfilePath(target.c_str());
+  ASSERT_TRUE(platform::ProfileWriteString("S", "old", "1")); collHostSetProfilePath(link.c_str());
+  ASSERT_TRUE(platform::ProfileWriteString("S", "k", "v")); struct stat st; ASSERT_EQ(lstat(link.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode)); collHostSetProfilePath(target.c_str()); EXPECT_EQ(Value("s", "K"), "v");
   EXPECT_EQ(Value("s", "old"), "1");
   // Without a path: $XDG_CONFIG_HOME, else $HOME/.config.
   setenv("HOME", dir.c_str(), 1);
   setenv("XDG_CONFIG_HOME", target.c_str(), 1);  // not a directory: nothing there
-  collHostSetProfilePath("");
-  EXPECT_EQ(Value("S", "k"), "<none>");
-  unsetenv("XDG_CONFIG_HOME");
+  collHostSetProfilePath(""); EXPECT_EQ(Value("S", "k"), "<none>"); unsetenv("XDG_CONFIG_HOME");
   ASSERT_TRUE(platform::ProfileWriteString("S", "k", "home"));  // makes ~/.config
-  EXPECT_EQ(stat((dir + "/.config/COLL.INI").c_str(), &st), 0);
-  setenv("XDG_CONFIG_HOME", dir.c_str(), 1);
-  ASSERT_TRUE(platform::ProfileWriteString("S", "k", "xdg"));
-  unsetenv("XDG_CONFIG_HOME");
+  EXPECT_EQ(stat((dir + "/.config/COLL.INI").c_str(), &st), 0); setenv("XDG_CONFIG_HOME", dir.c_str(), 1);
+  ASSERT_TRUE(platform::ProfileWriteString("S", "k", "xdg")); unsetenv("XDG_CONFIG_HOME");
   EXPECT_EQ(Value("S", "k"), "home");
   for (const std::string f : {"/.config/COLL.INI", "/.config/COLL.INI.lock", "/COLL.INI", "/COLL.INI.lock",
                               "/link.ini", "/real.ini", "/real.ini.lock"})
@@ -367,8 +310,7 @@ TEST_F(Ini, LinksDefaultLocationAndOtherProcesses) {
   // keep every key.
   collHostSetProfilePath(ini_.path().c_str());
   HCOLL a = collOpen("Mine");
-  collSetNumeric(a, "v", 1);
-  ASSERT_EQ(collWrite(a), 1u);
+  collSetNumeric(a, "v", 1); ASSERT_EQ(collWrite(a), 1u);
   const pid_t pid = fork();
   ASSERT_GE(pid, 0);
   const char *section = pid == 0 ? "Child" : "Parent";
@@ -377,12 +319,8 @@ TEST_F(Ini, LinksDefaultLocationAndOtherProcesses) {
   for (int i = 0; i < 40; ++i)
     ok = platform::ProfileWriteString(section, ("k" + std::to_string(i)).c_str(), std::to_string(i).c_str()) && ok;
   if (pid == 0) _exit(ok ? 0 : 1);
-  EXPECT_TRUE(ok);
-  ASSERT_TRUE(ChildSucceeded(pid));
-  collSetNumeric(a, "v", 2);
-  ASSERT_EQ(collWrite(a), 1u);
-  EXPECT_EQ(Value("Mine", "v"), "2");
-  EXPECT_EQ(Value("Theirs", "w"), "child");
+  EXPECT_TRUE(ok); ASSERT_TRUE(ChildSucceeded(pid)); collSetNumeric(a, "v", 2); ASSERT_EQ(collWrite(a), 1u);
+  EXPECT_EQ(Value("Mine", "v"), "2"); EXPECT_EQ(Value("Theirs", "w"), "child");
   for (const char *s : {"Child", "Parent"})
     for (int i = 0; i < 40; ++i) EXPECT_EQ(Value(s, ("K" + std::to_string(i)).c_str()), std::to_string(i)) << s;
 }

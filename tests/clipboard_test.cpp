@@ -22,8 +22,7 @@ std::string ClipText() {
   const uint32_t n = collHostGetClipboardText(nullptr, 0);
   if (n == 0) return "<none>";
   std::string s(n, '\0');
-  EXPECT_EQ(collHostGetClipboardText(s.data(), n), n);
-  s.resize(n - 1);
+  EXPECT_EQ(collHostGetClipboardText(s.data(), n), n); s.resize(n - 1);
   return s;
 }
 // The text tableDataToClipboard puts on the clipboard, or "<refused>" (the
@@ -44,52 +43,34 @@ HTABLE Import(const std::string &text) {
 std::string Widths(HTABLE t) { return Field(t, ROW_HEADER, kNone); }
 
 TEST(ClipboardHost, TextOpenAndClose) {
-  EXPECT_EQ(collHostGetClipboardText(nullptr, 0), 0u);
-  EXPECT_EQ(collHostSetClipboardText("abcdef"), 1u);
+  EXPECT_EQ(collHostGetClipboardText(nullptr, 0), 0u); EXPECT_EQ(collHostSetClipboardText("abcdef"), 1u);
   char buf[4] = {'x', 'x', 'x', 'x'};
-  EXPECT_EQ(collHostGetClipboardText(buf, 0), 7u);
-  EXPECT_EQ(buf[0], 'x');
-  EXPECT_EQ(collHostGetClipboardText(buf, 1), 7u);
-  EXPECT_EQ(buf[0], '\0');
-  EXPECT_EQ(collHostGetClipboardText(buf, sizeof buf), 7u);
-  EXPECT_STREQ(buf, "abc");
-  EXPECT_EQ(collHostSetClipboardText(""), 1u);
-  EXPECT_EQ(collHostGetClipboardText(nullptr, 0), 1u);
+  EXPECT_EQ(collHostGetClipboardText(buf, 0), 7u); EXPECT_EQ(buf[0], 'x');
+  EXPECT_EQ(collHostGetClipboardText(buf, 1), 7u); EXPECT_EQ(buf[0], '\0');
+  EXPECT_EQ(collHostGetClipboardText(buf, sizeof buf), 7u); EXPECT_STREQ(buf, "abc");
+  EXPECT_EQ(collHostSetClipboardText(""), 1u); EXPECT_EQ(collHostGetClipboardText(nullptr, 0), 1u);
   // An open clipboard shuts out everyone else until it is closed.
-  EXPECT_EQ(collHostCloseClipboard(), 0u);
-  EXPECT_EQ(collHostOpenClipboard(7), 1u);
-  EXPECT_EQ(collHostOpenClipboard(7), 0u);
-  EXPECT_FALSE(platform::OpenClipboard(0));
-  EXPECT_EQ(collHostSetClipboardText(nullptr), 0u);
-  EXPECT_EQ(collHostCloseClipboard(), 1u);
-  EXPECT_EQ(collHostCloseClipboard(), 0u);
-  EXPECT_EQ(collHostSetClipboardText(nullptr), 1u);
+  EXPECT_EQ(collHostCloseClipboard(), 0u); EXPECT_EQ(collHostOpenClipboard(7), 1u);
+  EXPECT_EQ(collHostOpenClipboard(7), 0u); EXPECT_FALSE(platform::OpenClipboard(0));
+  EXPECT_EQ(collHostSetClipboardText(nullptr), 0u); EXPECT_EQ(collHostCloseClipboard(), 1u);
+  EXPECT_EQ(collHostCloseClipboard(), 0u); EXPECT_EQ(collHostSetClipboardText(nullptr), 1u);
   // The library's side: the active window, replacing and copying the text.
-  EXPECT_EQ(collHostSetActiveWindow(0x10005), 1u);
-  EXPECT_EQ(platform::GetActiveWindow(), 0x10005u);
-  ASSERT_TRUE(platform::OpenClipboard(0));
-  EXPECT_EQ(collHostOpenClipboard(7), 0u);
+  EXPECT_EQ(collHostSetActiveWindow(0x10005), 1u); EXPECT_EQ(platform::GetActiveWindow(), 0x10005u);
+  ASSERT_TRUE(platform::OpenClipboard(0)); EXPECT_EQ(collHostOpenClipboard(7), 0u);
   uint32_t length = 99;
-  EXPECT_EQ(platform::GetClipboardText(&length), nullptr);
-  EXPECT_EQ(length, 0u);
+  EXPECT_EQ(platform::GetClipboardText(&length), nullptr); EXPECT_EQ(length, 0u);
   EXPECT_TRUE(platform::SetClipboardText("hello world", 5));
   char *text = platform::GetClipboardText(&length);
-  ASSERT_NE(text, nullptr);
-  EXPECT_EQ(length, 5u);
-  EXPECT_STREQ(text, "hello");
-  platform::HeapFree(text);
-  EXPECT_TRUE(platform::EmptyClipboard());
-  EXPECT_EQ(platform::GetClipboardText(&length), nullptr);
-  platform::CloseClipboard();
-  EXPECT_EQ(collHostGetClipboardText(nullptr, 0), 0u);
+  ASSERT_NE(text, nullptr); EXPECT_EQ(length, 5u); EXPECT_STREQ(text, "hello"); platform::HeapFree(text);
+  EXPECT_TRUE(platform::EmptyClipboard()); EXPECT_EQ(platform::GetClipboardText(&length), nullptr);
+  platform::CloseClipboard(); EXPECT_EQ(collHostGetClipboardText(nullptr, 0), 0u);
 }
 
 TEST(ClipboardExport, Layouts) {
   HTABLE example = MakeGrid("A|B/1|2/3|4");
   tableSetSelection(example, 1);
   // Attribute strings are never part of the text.
-  tableSetField(example, ROW_HEADER, kNone, "%1s %1s ");
-  tableSetField(example, ROW_HEADER, uint32_t(-5), "last");
+  tableSetField(example, ROW_HEADER, kNone, "%1s %1s "); tableSetField(example, ROW_HEADER, uint32_t(-5), "last");
   HTABLE plain = MakeGrid("Name||x y/|a\tb|");
   tableSetSelection(plain, 0);
   HTABLE none = MakeGrid("A|B/1|2"), empty = MakeGrid("A|B"), one = tableCreate(1, 0), three = tableCreate(3, 0);
@@ -121,11 +102,9 @@ TEST(ClipboardExport, Layouts) {
   };
   for (const auto &c : cases) EXPECT_EQ(Export(c.t, c.mode), c.text) << c.t << " mode " << c.mode;
   EXPECT_EQ(Grid(example), "A|B/1|2/3|4");  // exporting reads the table only
-  EXPECT_EQ(tableGetSelection(example), 1u);
-  EXPECT_EQ(tableGetStamp(example), stamp);
+  EXPECT_EQ(tableGetSelection(example), 1u); EXPECT_EQ(tableGetStamp(example), stamp);
   // The host holds the clipboard open.
-  ASSERT_EQ(collHostOpenClipboard(1), 1u);
-  EXPECT_EQ(tableDataToClipboard(example, CLIP_NAMES), 0u);
+  ASSERT_EQ(collHostOpenClipboard(1), 1u); EXPECT_EQ(tableDataToClipboard(example, CLIP_NAMES), 0u);
   EXPECT_EQ(collHostCloseClipboard(), 1u);
   // Many empty rows.
   for (int i = 0; i < 3000; ++i) tableAddRow(one, uint32_t(ROW_APPEND));
@@ -147,28 +126,21 @@ TEST(ClipboardImport, RoundTripOfRandomGrids) {
       size_t widest = 0;
       for (uint32_t r = 0; r <= rows; ++r) {
         const size_t len = rng() % 8 ? rng() % 6 : 250 + rng() % 10;
-        cells[r][c] = std::string(len, char('a' + rng() % 26));
-        widest = std::max(widest, std::min<size_t>(len, 254));
+        cells[r][c] = std::string(len, char('a' + rng() % 26)); widest = std::max(widest, std::min<size_t>(len, 254));
       }
       widths += "%" + std::to_string(widest) + "s ";
     }
     for (uint32_t r = 0; r <= rows; ++r)
       for (uint32_t c = 0; c < cols; ++c) grid += (c ? "|" : r ? "/" : "") + cells[r][c];
     HTABLE t = MakeGrid(grid, 9);
-    tableSetSelection(t, 0);
-    ASSERT_EQ(tableDataToClipboard(t, CLIP_NAMES_AND_ROWS), 1u);
+    tableSetSelection(t, 0); ASSERT_EQ(tableDataToClipboard(t, CLIP_NAMES_AND_ROWS), 1u);
     const std::string text = ClipText();
     HTABLE back = tableDataFromClipboard(0);
-    ASSERT_NE(back, 0u) << grid;
-    EXPECT_EQ(Grid(back), grid);
-    EXPECT_EQ(Widths(back), widths);
-    EXPECT_EQ(testutil::Row(back, ROW_ATTRIBUTES), widths + "||||");
-    EXPECT_EQ(tableGetSelection(back), kNone);
+    ASSERT_NE(back, 0u) << grid; EXPECT_EQ(Grid(back), grid); EXPECT_EQ(Widths(back), widths);
+    EXPECT_EQ(testutil::Row(back, ROW_ATTRIBUTES), widths + "||||"); EXPECT_EQ(tableGetSelection(back), kNone);
     EXPECT_EQ(tableGetType(back), 0u);
     EXPECT_EQ(ClipText(), text);  // left in place, and the clipboard closed
-    EXPECT_TRUE(collHostOpenClipboard(1) && collHostCloseClipboard());
-    tableDestroy(back);
-    tableDestroy(t);
+    EXPECT_TRUE(collHostOpenClipboard(1) && collHostCloseClipboard()); tableDestroy(back); tableDestroy(t);
   }
 }
 
@@ -205,33 +177,24 @@ TEST(ClipboardImport, LineEndsRaggedRowsAndLimits) {
     SCOPED_TRACE(c.text.substr(0, 40));
     HTABLE t = Import(c.text);
     if (c.grid == "<none>") {
-      EXPECT_EQ(t, 0u);
-      continue;
+      EXPECT_EQ(t, 0u); continue;
     }
-    ASSERT_NE(t, 0u);
-    EXPECT_EQ(Grid(t), c.grid);
-    EXPECT_EQ(Widths(t), c.widths);
-    tableDestroy(t);
+    ASSERT_NE(t, 0u); EXPECT_EQ(Grid(t), c.grid); EXPECT_EQ(Widths(t), c.widths); tableDestroy(t);
   }
   uint32_t handles[4];
   EXPECT_EQ(collGetTableHandles(handles, sizeof handles), 0u);  // nothing left behind
-  collHostSetClipboardText(nullptr);
-  EXPECT_EQ(tableDataFromClipboard(0x10001), 0u);
+  collHostSetClipboardText(nullptr); EXPECT_EQ(tableDataFromClipboard(0x10001), 0u);
   // The host holds the clipboard open.
-  collHostSetClipboardText("A\r\n1\r\n");
-  ASSERT_EQ(collHostOpenClipboard(1), 1u);
-  EXPECT_EQ(tableDataFromClipboard(5), 0u);
-  EXPECT_EQ(collHostCloseClipboard(), 1u);
+  collHostSetClipboardText("A\r\n1\r\n"); ASSERT_EQ(collHostOpenClipboard(1), 1u);
+  EXPECT_EQ(tableDataFromClipboard(5), 0u); EXPECT_EQ(collHostCloseClipboard(), 1u);
   EXPECT_EQ(Grid(tableDataFromClipboard(5)), "A/1");
   // Rows of 1001 bytes: 65 fit beside the name and attributes, five are
   // dropped, and a short last row still finds room.
   std::string text = "A\r\n";
   for (int i = 0; i < 70; ++i) text += std::string(1000, 'r') + "\r\n";
   HTABLE t = Import(text + "tail\r\n");
-  EXPECT_EQ(tableRowCount(t), 66u);
-  EXPECT_EQ(Field(t, 64, 0), std::string(1000, 'r'));
-  EXPECT_EQ(Field(t, 65, 0), "tail");
-  EXPECT_EQ(Widths(t), "%254s ");
+  EXPECT_EQ(tableRowCount(t), 66u); EXPECT_EQ(Field(t, 64, 0), std::string(1000, 'r'));
+  EXPECT_EQ(Field(t, 65, 0), "tail"); EXPECT_EQ(Widths(t), "%254s ");
 }
 
 // Runs step with its n-th allocation failing, for every n until a run meets
@@ -239,10 +202,7 @@ TEST(ClipboardImport, LineEndsRaggedRowsAndLimits) {
 template <typename Setup, typename Step>
 void ForEveryAllocation(Setup setup, Step step) {
   for (uint32_t n = 1;; ++n) {
-    platform::FailAllocation(0);
-    setup();
-    platform::FailAllocation(n);
-    step();
+    platform::FailAllocation(0); setup(); platform::FailAllocation(n); step();
     if (platform::FailAllocation(0) < n) break;
     ASSERT_LT(n, 1000u);
   }
@@ -256,15 +216,12 @@ TEST(ClipboardNoMemory, FailuresLeaveNoTrace) {
     const std::string text = Export(t, CLIP_NAMES_AND_ROWS);
     EXPECT_TRUE(text == "A\tB\r\n1\t2\r\n3\t4\r" || text == "<none>" || text == "<refused>") << text;
   });
-  EXPECT_EQ(Grid(t), "A|B/1|2/3|4");
-  tableDestroy(t);
+  EXPECT_EQ(Grid(t), "A|B/1|2/3|4"); tableDestroy(t);
   ForEveryAllocation([] { collHostSetClipboardText("A\tB\r\n1\t2\r\n"); },
                      [] {
                        HTABLE back = tableDataFromClipboard(0);
                        if (back) {  // rows and names that found no memory are left out
-                         EXPECT_EQ(tableColCount(back), 2u);
-                         EXPECT_LE(tableRowCount(back), 1u);
-                         tableDestroy(back);
+                         EXPECT_EQ(tableColCount(back), 2u); EXPECT_LE(tableRowCount(back), 1u); tableDestroy(back);
                        }
                        uint32_t handles[4];
                        EXPECT_EQ(collGetTableHandles(handles, sizeof handles), 0u);

@@ -39,12 +39,10 @@ std::string DumpOf(HCOLL h) {
 // The image with its total length and checksum made right again.
 std::string Fixed(std::string image, bool total = false) {
   if (total) {
-    image[0] = char(image.size() >> 8);
-    image[1] = char(image.size() & 0xFF);
+    image[0] = char(image.size() >> 8); image[1] = char(image.size() & 0xFF);
   }
   const uint32_t sum = collctl::Checksum(image);
-  image[4] = char(sum >> 8);
-  image[5] = char(sum & 0xFF);
+  image[4] = char(sum >> 8); image[5] = char(sum & 0xFF);
   return image;
 }
 // The image with one byte changed and the checksum made right again.
@@ -84,8 +82,7 @@ std::string AllTypesImage() {
   // "Seven": tag length 5, tag, value length 13, then the type word.
   image[Find(image, std::string("\x00\x05Seven", 7)) + 10] = 7;
   for (HCOLL c : {h, inner, deeper}) collClose(c);
-  tableDestroy(grid);
-  tableDestroy(small);
+  tableDestroy(grid); tableDestroy(small);
   return Fixed(image);
 }
 
@@ -137,17 +134,14 @@ class Collctl : public ::testing::Test {
                             args + " <.in >.out 2>.err; echo $? >.rc";
     Result r;
     if (std::system(cmd.c_str()) != 0) return r;
-    r.status = std::stoi(Read(".rc"));
-    r.out = Read(".out");
-    r.err = Read(".err");
+    r.status = std::stoi(Read(".rc")); r.out = Read(".out"); r.err = Read(".err");
     return r;
   }
   // The output of "show" on an image that must be shown without complaint.
   std::string Shown(const std::string &image) const {
     Write("shown.dump", image);
     const Result r = Tool("show shown.dump");
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.status, 0) << r.err; EXPECT_EQ(r.err, "");
     return r.out;
   }
 
@@ -208,13 +202,10 @@ TEST_F(Collctl, JsonRoundTripGivesBackTheSameBytes) {
   for (const std::string &image : {SampleImage(), AllTypesImage(), kEmpty, kAbXy}) {
     Write("in.dump", image);
     const Result json = Tool("show --json in.dump");
-    ASSERT_EQ(json.status, 0) << json.err;
-    Write("in.json", json.out);
-    ASSERT_EQ(Tool("build in.json -o back.dump").status, 0);
-    EXPECT_EQ(Read("back.dump"), image);
+    ASSERT_EQ(json.status, 0) << json.err; Write("in.json", json.out);
+    ASSERT_EQ(Tool("build in.json -o back.dump").status, 0); EXPECT_EQ(Read("back.dump"), image);
     const Result hex = Tool("build --hex -", json.out);
-    EXPECT_EQ(hex.out, collctl::EncodeHex(image));
-    Write("in.hex", hex.out);
+    EXPECT_EQ(hex.out, collctl::EncodeHex(image)); Write("in.hex", hex.out);
     EXPECT_EQ(Tool("show --json in.hex").out, json.out);
   }
 }
@@ -224,20 +215,15 @@ TEST_F(Collctl, JsonOfEveryItemType) {
   const collctl::Json j = collctl::Json::parse(Tool("show --json all.dump").out);
   EXPECT_EQ(j["length"], 501);
   const collctl::Json &items = j["items"];
-  ASSERT_EQ(items.size(), 14u);
-  EXPECT_EQ(items[1]["value"], collctl::Json::parse(R"({"hex": "636166e9"})"));
-  EXPECT_EQ(items[3]["tag"], collctl::Json::parse(R"({"hex": "54e467"})"));
-  EXPECT_EQ(items[4]["value"], INT32_MIN);
-  EXPECT_EQ(items[6]["utc"], "2106-02-07T06:28:15Z");
-  EXPECT_EQ(items[7]["hex"], "011f7f207a");
-  EXPECT_EQ(items[9]["type"], "type7");
-  EXPECT_EQ(items[10]["head"]["itemCount"], 3);
+  ASSERT_EQ(items.size(), 14u); EXPECT_EQ(items[1]["value"], collctl::Json::parse(R"({"hex": "636166e9"})"));
+  EXPECT_EQ(items[3]["tag"], collctl::Json::parse(R"({"hex": "54e467"})")); EXPECT_EQ(items[4]["value"], INT32_MIN);
+  EXPECT_EQ(items[6]["utc"], "2106-02-07T06:28:15Z"); EXPECT_EQ(items[7]["hex"], "011f7f207a");
+  EXPECT_EQ(items[9]["type"], "type7"); EXPECT_EQ(items[10]["head"]["itemCount"], 3);
   EXPECT_EQ(items[10]["items"][1]["items"][0]["value"], 1);
   EXPECT_EQ(items[11].dump(),
             R"({"tag":"Grid","type":"table","tableType":7,"selection":2,"columns":["Key","Value"],)"
             R"("rows":[["a","one"],["b",""],["c","tab\there"]],"attributes":["%3s %9s ","","","","last"]})");
-  EXPECT_EQ(items[12]["selection"], nullptr);
-  EXPECT_EQ(items[13]["tranFlag"], 1);
+  EXPECT_EQ(items[12]["selection"], nullptr); EXPECT_EQ(items[13]["tranFlag"], 1);
 }
 
 // Commands in order (later ones read what earlier ones wrote): exit code,
@@ -248,8 +234,7 @@ TEST_F(Collctl, Commands) {
                     "[orders]\nlater=1\n[Empty]\n");
   Write("t.tsv", "Name\tQty\r\napple\t3\npear\t10\tignored\nplum");
   std::string magic = AllTypesImage();  // a table no load can rebuild
-  magic[Find(magic, std::string("\x00\x04Grid", 6)) + 14] = 0x13;
-  Write("magic.dump", Fixed(magic));
+  magic[Find(magic, std::string("\x00\x04Grid", 6)) + 14] = 0x13; Write("magic.dump", Fixed(magic));
   const std::string hex = collctl::EncodeHex(kAbXy), sound = ", image of 20 bytes, checksum 0x01CC, 1 item\n";
   const std::string bad = "collctl: (stdin): not a sound hexadecimal dump: ";
   const struct {
@@ -356,8 +341,7 @@ TEST_F(Collctl, Commands) {
   for (const auto &c : cases) {
     SCOPED_TRACE(c.args + " <<< " + c.input.substr(0, 60));
     const Result r = Tool(c.args, c.input);
-    EXPECT_EQ(r.status, c.status);
-    EXPECT_PRED2(matches, r.out, c.out.empty() ? std::string() : c.out);
+    EXPECT_EQ(r.status, c.status); EXPECT_PRED2(matches, r.out, c.out.empty() ? std::string() : c.out);
     EXPECT_PRED2(matches, r.err, c.err);
   }
   EXPECT_FALSE(fs::exists(Path("refused.dump")));
@@ -367,8 +351,7 @@ TEST_F(Collctl, Commands) {
   EXPECT_EQ(Read("back.dump"), Read("t.dump"));
   for (const char *cmd : {"", "show", "build", "check", "ini", "table", "table import", "table export"}) {
     const Result r = Tool(std::string(cmd) + " --help");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.out.find("Usage: collctl " + std::string(cmd)), std::string::npos) << r.out;
+    EXPECT_EQ(r.status, 0); EXPECT_NE(r.out.find("Usage: collctl " + std::string(cmd)), std::string::npos) << r.out;
   }
   // The profile file as JSON, a section, and the library's default location.
   EXPECT_EQ(collctl::Json::parse(Tool("ini --file COLL.INI --json").out).dump(),
@@ -376,8 +359,7 @@ TEST_F(Collctl, Commands) {
   EXPECT_EQ(Tool("ini --file COLL.INI orders").out, "[orders] of " + fs::canonical(Path("COLL.INI")).string() +
                                                          ": 2 items\nCount  string   \"12\"\nName   string   \"abc\"\n");
   EXPECT_EQ(collctl::Json::parse(Tool("ini --file COLL.INI Empty --json").out)["items"], collctl::Json::array());
-  fs::create_directories(Path("config"));
-  WriteAll(Path("config/COLL.INI"), "[Here]\nk=v\n");
+  fs::create_directories(Path("config")); WriteAll(Path("config/COLL.INI"), "[Here]\nk=v\n");
   EXPECT_EQ(Tool("ini Here", "", "XDG_CONFIG_HOME=" + Quoted(Path("config"))).out,
             "[Here] of " + Path("config") + "/COLL.INI: 1 item\nk  string   \"v\"\n");
   EXPECT_EQ(Tool("ini", "", "XDG_CONFIG_HOME= HOME=" + Quoted(Path("config"))).err,
@@ -413,14 +395,11 @@ TEST_F(Collctl, ChecksDamagedDumps) {
 
   // A nested collection whose list is one byte short of its block.
   HCOLL h = collOpen(nullptr), inner = collOpen(nullptr);
-  collSetString(inner, "s", "v");
-  collSetColl(h, "in", inner);
+  collSetString(inner, "s", "v"); collSetColl(h, "in", inner);
   HTABLE t = tableCreate(1, 0);
   collSetTable(h, "tb", t);
   const std::string nested = DumpOf(h);
-  tableDestroy(t);
-  collClose(inner);
-  collClose(h);
+  tableDestroy(t); collClose(inner); collClose(h);
   std::string gap = nested;
   const size_t in = Find(gap, std::string("\x00\x02in", 4));
   gap[in + 5] = char(gap[in + 5] + 1);    // value length
@@ -437,16 +416,12 @@ TEST_F(Collctl, ChecksDamagedDumps) {
                    "less the block head, 18"});
 
   for (const Case &c : cases) {
-    SCOPED_TRACE(c.name);
-    ASSERT_FALSE(LibraryLoads(c.image));
-    Write(c.name, c.image);
+    SCOPED_TRACE(c.name); ASSERT_FALSE(LibraryLoads(c.image)); Write(c.name, c.image);
     const Result r = Tool("check " + c.name);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.status, 1); EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err, "collctl: " + c.name + ": not a sound dump: " + c.message + "\n");
     // show and table export refuse it with the same message.
-    EXPECT_EQ(Tool("show " + c.name).err, r.err);
-    EXPECT_EQ(Tool("table export " + c.name + " tb").status, 1);
+    EXPECT_EQ(Tool("show " + c.name).err, r.err); EXPECT_EQ(Tool("table export " + c.name + " tb").status, 1);
   }
 }
 
@@ -460,8 +435,7 @@ TEST(CollctlReader, AgreesWithTheLibraryOnDamagedImages) {
   for (size_t i = 0; i < image.size(); ++i)
     for (int delta : {1, 0x80, 0xFF}) {
       std::string m = image;
-      m[i] = char(uint8_t(m[i]) + delta);
-      damaged.push_back(m);
+      m[i] = char(uint8_t(m[i]) + delta); damaged.push_back(m);
       if (i >= 6) damaged.push_back(Fixed(m));
     }
   std::mt19937 random(20261122);
@@ -469,23 +443,20 @@ TEST(CollctlReader, AgreesWithTheLibraryOnDamagedImages) {
     std::string m = image;
     for (int k = 0, changes = 1 + int(random() % 4); k < changes; ++k) {
       const size_t at = 6 + random() % (m.size() - 7);
-      m[at] = char(random() % 4 == 0 ? 0 : random());
-      m[at + 1] = char(random() % 2 ? m[at + 1] : char(random()));
+      m[at] = char(random() % 4 == 0 ? 0 : random()); m[at + 1] = char(random() % 2 ? m[at + 1] : char(random()));
     }
     damaged.push_back(Fixed(m));
   }
   for (size_t n = 0; n <= image.size() + 2; ++n) {
     std::string m = image.substr(0, n);
-    m.resize(n, '\x00');
-    damaged.push_back(n >= 6 ? Fixed(m, true) : m);
+    m.resize(n, '\x00'); damaged.push_back(n >= 6 ? Fixed(m, true) : m);
   }
   size_t sound = 0;
   for (size_t i = 0; i < damaged.size(); ++i) {
     const bool ok = !collctl::ReadImage(damaged[i], nullptr, nullptr);
     ASSERT_EQ(ok, LibraryLoads(damaged[i])) << "case " << i;
     if (ok) {
-      ++sound;
-      ASSERT_EQ(ThroughJson(damaged[i]), damaged[i]) << "case " << i;
+      ++sound; ASSERT_EQ(ThroughJson(damaged[i]), damaged[i]) << "case " << i;
     }
   }
   EXPECT_GT(sound, image.size());  // raw and text bytes, marks, heads, table words
@@ -498,8 +469,7 @@ TEST(CollctlText, UtcTextsRoundTrip) {
   for (int i = 0; i < 20000; ++i) {
     const uint32_t t = i < 2 ? (i ? UINT32_MAX : 0) : uint32_t(random());
     uint32_t back = 1;
-    ASSERT_TRUE(collctl::ParseIsoUtc(collctl::IsoUtc(t), &back)) << t;
-    ASSERT_EQ(back, t);
+    ASSERT_TRUE(collctl::ParseIsoUtc(collctl::IsoUtc(t), &back)) << t; ASSERT_EQ(back, t);
   }
   uint32_t t = 0;
   for (const char *bad : {"2100-02-29T00:00:00Z", "1969-12-31T23:59:59Z", "2106-02-07T06:28:16Z",
@@ -516,15 +486,11 @@ TEST(CollctlReader, NestsAsDeepAsAnImageHolds) {
     doc += R"({"tag":"x","type":"numeric","value":7})";
     for (int i = 0; i <= depth; ++i) doc += "]}";
     if (depth == 2621) {
-      EXPECT_THROW(collctl::WriteImage(collctl::FromJson(collctl::Json::parse(doc))), std::runtime_error);
-      continue;
+      EXPECT_THROW(collctl::WriteImage(collctl::FromJson(collctl::Json::parse(doc))), std::runtime_error); continue;
     }
     const std::string image = collctl::WriteImage(collctl::FromJson(collctl::Json::parse(doc)));
-    EXPECT_EQ(image.size(), 65521u);
-    ASSERT_TRUE(LibraryLoads(image));
-    collctl::Dump d;
-    ASSERT_FALSE(collctl::ReadImage(image, &d, nullptr));
-    EXPECT_EQ(ThroughJson(image), image);
+    EXPECT_EQ(image.size(), 65521u); ASSERT_TRUE(LibraryLoads(image)); collctl::Dump d;
+    ASSERT_FALSE(collctl::ReadImage(image, &d, nullptr)); EXPECT_EQ(ThroughJson(image), image);
     const std::string tree = collctl::RenderTree(d.items);
     EXPECT_EQ(tree.substr(tree.size() - 14), "x  numeric  7\n");
   }

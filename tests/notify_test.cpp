@@ -29,13 +29,11 @@ intptr_t Quiet(uint32_t, uint32_t, uintptr_t, intptr_t, void *) { return 0; }
 
 // The tranFlag word of the stored block of tag.
 uint32_t Mark(HCOLL h, const char *tag) {
-  coll::LockGuard lock;
-  uint8_t *img = coll::GetCollPtr(h), *block = nullptr;
+  coll::LockGuard lock; uint8_t *img = coll::GetCollPtr(h), *block = nullptr;
   return img && coll::GetItem(img, tag, &block) ? coll::rd16(block + coll::ib::tranFlag) : kNone;
 }
 uint32_t Header32(HCOLL h, uint32_t offset) {
-  coll::LockGuard lock;
-  uint8_t *img = coll::GetCollPtr(h);
+  coll::LockGuard lock; uint8_t *img = coll::GetCollPtr(h);
   return img ? coll::rd32(img + offset) : kNone;
 }
 
@@ -70,8 +68,7 @@ struct World {
       const std::string tags = Tags(h);
       for (size_t p = 0; p < tags.size();) {
         const size_t q = std::min(tags.find(',', p), tags.size());
-        s += (p ? "," : "") + tags.substr(p, q - p) + "=" + Item(h, tags.substr(p, q - p).c_str());
-        p = q + 1;
+        s += (p ? "," : "") + tags.substr(p, q - p) + "=" + Item(h, tags.substr(p, q - p).c_str()); p = q + 1;
       }
       s += "]";
     }
@@ -82,10 +79,7 @@ struct World {
 void P(HCOLL from, HCOLL to) { EXPECT_EQ(collRequestPropagate(from, to, 1), 1u); }
 // a holds a and c and is watched and held in a transaction.
 void Held(World &w) {
-  Set(w.a, "a", "1");
-  Set(w.a, "c", "1");
-  w.Listen("a");
-  collLock(w.a);
+  Set(w.a, "a", "1"); Set(w.a, "c", "1"); w.Listen("a"); collLock(w.a);
 }
 std::string Long(char k, size_t n) { return std::string(n, k); }
 
@@ -105,56 +99,39 @@ const Scenario kScenarios[] = {
      "a:x,x,x b:x,x,x c:x,x,x", "a[] b[] c[]"},
     {"the same target twice", "b",
      [](World &w) {
-       P(w.a, w.b);
-       P(w.a, w.b);
+       P(w.a, w.b); P(w.a, w.b);
        Set(w.a, "x", "1");  // copied once
-       EXPECT_EQ(collRequestPropagate(w.a, w.b, 0), 1u);
-       Set(w.a, "x", "2");
-       EXPECT_EQ(collRequestPropagate(w.a, w.b, 0), 1u);
-       EXPECT_EQ(collRequestPropagate(w.a, w.b, 0), 0u);
+       EXPECT_EQ(collRequestPropagate(w.a, w.b, 0), 1u); Set(w.a, "x", "2");
+       EXPECT_EQ(collRequestPropagate(w.a, w.b, 0), 1u); EXPECT_EQ(collRequestPropagate(w.a, w.b, 0), 0u);
        Set(w.a, "x", "3");
      },
      "a: b:x,x c:", "a[x=3] b[x=2] c[]"},
     {"closed and reused targets are dropped", "",
      [](World &w) {
        HCOLL gone = collOpen("gone");
-       P(w.a, gone);
-       P(w.a, w.b);
-       collClose(gone);
-       Set(w.a, "x", "1");
-       EXPECT_EQ(Header32(w.a, coll::ch::propTarget), w.b);
-       EXPECT_EQ(collRequestPropagate(w.a, gone, 0), 0u);
-       P(w.a, gone = collOpen("gone"));
-       collClose(gone);
-       EXPECT_EQ(collOpen("reuse"), gone);
-       collRequestAdvice(gone, w.lc.window(), 1);
-       Set(w.a, "y", "1");
-       EXPECT_EQ(collRequestPropagate(w.a, gone, 0), 0u);
+       P(w.a, gone); P(w.a, w.b); collClose(gone); Set(w.a, "x", "1");
+       EXPECT_EQ(Header32(w.a, coll::ch::propTarget), w.b); EXPECT_EQ(collRequestPropagate(w.a, gone, 0), 0u);
+       P(w.a, gone = collOpen("gone")); collClose(gone); EXPECT_EQ(collOpen("reuse"), gone);
+       collRequestAdvice(gone, w.lc.window(), 1); Set(w.a, "y", "1"); EXPECT_EQ(collRequestPropagate(w.a, gone, 0), 0u);
        EXPECT_EQ(Item(gone, "y"), "<missing>");
      },
      "a: b: c:", "a[x=1,y=1] b[x=1,y=1] c[]"},
     // ---- windows that change or close the collection while told
     {"a window's change is a change of its own", "ab",
      [](World &w) {
-       P(w.a, w.c);
-       collRequestAdvice(w.a, w.lb.window(), 1);
-       w.la.onMessage = [&w](const Heard &h) { if (h.tag == "x") Set(w.a, "y", "2"); };
-       Set(w.a, "x", "1");
+       P(w.a, w.c); collRequestAdvice(w.a, w.lb.window(), 1);
+       w.la.onMessage = [&w](const Heard &h) { if (h.tag == "x") Set(w.a, "y", "2"); }; Set(w.a, "x", "1");
      },
      "a:x,y b:y@a,x@a c:", "a[x=1,y=2] b[] c[y=2,x=1]"},
     {"a window's change starts its own chain", "b",
      [](World &w) {
-       P(w.a, w.b);
-       P(w.b, w.a);
-       w.lb.onMessage = [&w](const Heard &h) { if (h.tag == "x") Set(w.b, "z", "9"); };
+       P(w.a, w.b); P(w.b, w.a); w.lb.onMessage = [&w](const Heard &h) { if (h.tag == "x") Set(w.b, "z", "9"); };
        Set(w.a, "x", "1");
      },
      "a: b:x,z c:", "a[x=1,z=9] b[x=1,z=9] c[]"},
     {"closed while told", "a",
      [](World &w) {
-       P(w.a, w.b);
-       collRequestAdvice(w.a, w.lc.window(), 1);
-       w.la.onMessage = [&w](const Heard &) { collClose(w.a); };
+       P(w.a, w.b); collRequestAdvice(w.a, w.lc.window(), 1); w.la.onMessage = [&w](const Heard &) { collClose(w.a); };
        Set(w.a, "x", "1");
        EXPECT_EQ(collOpen("again"), w.a);  // has none of the old listeners
        Set(w.a, "x", "1");
@@ -163,21 +140,13 @@ const Scenario kScenarios[] = {
     // ---- transactions: told at unlock, deleted tags first, then marks in item order
     {"order at unlock", "",
      [](World &w) {
-       Set(w.a, "p", "1");
-       Set(w.a, "r", "1");
-       Held(w);
-       P(w.a, w.b);
-       Set(w.a, "n", "1");
-       Del(w.a, "c");
+       Set(w.a, "p", "1"); Set(w.a, "r", "1"); Held(w); P(w.a, w.b); Set(w.a, "n", "1"); Del(w.a, "c");
        Set(w.a, "r", "2");  // same length: in place, keeps its position
        Set(w.a, "m", "1");
        Del(w.a, "q");  // absent: never told
        EXPECT_EQ(Mark(w.a, "n"), 1u);  // stored at once, marked, told later
-       EXPECT_EQ(w.la.count(), 0u);
-       EXPECT_EQ(Item(w.b, "n"), "<missing>");
-       EXPECT_EQ(collUnlock(w.a), 1u);
-       EXPECT_EQ(Mark(w.a, "n"), 0u);
-       EXPECT_EQ(Mark(w.b, "n"), 0u);
+       EXPECT_EQ(w.la.count(), 0u); EXPECT_EQ(Item(w.b, "n"), "<missing>"); EXPECT_EQ(collUnlock(w.a), 1u);
+       EXPECT_EQ(Mark(w.a, "n"), 0u); EXPECT_EQ(Mark(w.b, "n"), 0u);
        EXPECT_EQ(collUnlock(w.a), 1u);  // no transaction: nothing to tell
      },
      "a:c,r,n,m b: c:", "a[p=1,r=2,a=1,n=1,m=1] b[r=2,n=1,m=1] c[]"},
@@ -195,50 +164,31 @@ const Scenario kScenarios[] = {
        for (const std::string &t : {Long('d', 2000), Long('e', 700), Long('f', 700)}) Set(w.a, t.c_str(), "1");
        Held(w);
        for (const std::string &t : {Long('d', 2000), Long('e', 700), Long('f', 700)}) Del(w.a, t.c_str());
-       Set(w.a, Long('m', 300).c_str(), "1");
-       collUnlock(w.a);
+       Set(w.a, Long('m', 300).c_str(), "1"); collUnlock(w.a);
      },
      "a:d*2000,e*700,f*700,m*300 b: c:", nullptr},
     {"a repeated lock ends at the first unlock", "a",
      [](World &w) {
-       EXPECT_EQ(collLock(w.a), 1u);
-       EXPECT_EQ(collLock(w.a), 1u);
-       Set(w.a, "x", "1");
-       EXPECT_EQ(collUnlock(w.a), 1u);
-       EXPECT_EQ(Header32(w.a, coll::ch::lockThread), 0u);
-       Set(w.a, "y", "1");
+       EXPECT_EQ(collLock(w.a), 1u); EXPECT_EQ(collLock(w.a), 1u); Set(w.a, "x", "1"); EXPECT_EQ(collUnlock(w.a), 1u);
+       EXPECT_EQ(Header32(w.a, coll::ch::lockThread), 0u); Set(w.a, "y", "1");
      },
      "a:x,y b: c:", "a[x=1,y=1] b[] c[]"},
     {"propagation into a held target waits for its unlock", "a",
      [](World &w) {
-       P(w.a, w.b);
-       P(w.b, w.c);
-       P(w.c, w.a);
-       collLock(w.b);
-       Set(w.a, "x", "1");
-       EXPECT_EQ(Mark(w.b, "x"), 1u);
+       P(w.a, w.b); P(w.b, w.c); P(w.c, w.a); collLock(w.b); Set(w.a, "x", "1"); EXPECT_EQ(Mark(w.b, "x"), 1u);
        EXPECT_EQ(Item(w.c, "x"), "<missing>");
        collUnlock(w.b);  // a new change from b: it reaches c, and a unchanged
      },
      "a:x b: c:", "a[x=1] b[x=1] c[x=1]"},
     {"a window's change during unlock is told at once", "a",
      [](World &w) {
-       w.la.onMessage = [&w](const Heard &m) { if (m.tag == "x") Set(w.a, "z", "1"); };
-       collLock(w.a);
-       Set(w.a, "x", "1");
-       Set(w.a, "y", "1");
-       collUnlock(w.a);
-       EXPECT_EQ(Mark(w.a, "z"), 0u);
+       w.la.onMessage = [&w](const Heard &m) { if (m.tag == "x") Set(w.a, "z", "1"); }; collLock(w.a);
+       Set(w.a, "x", "1"); Set(w.a, "y", "1"); collUnlock(w.a); EXPECT_EQ(Mark(w.a, "z"), 0u);
      },
      "a:x,z,y b: c:", "a[x=1,y=1,z=1] b[] c[]"},
     {"the queue goes with the collection", "",
      [](World &w) {
-       Held(w);
-       Del(w.a, "c");
-       collClose(w.a);
-       EXPECT_EQ(collOpen("next"), w.a);
-       w.Listen("a");
-       collLock(w.a);
+       Held(w); Del(w.a, "c"); collClose(w.a); EXPECT_EQ(collOpen("next"), w.a); w.Listen("a"); collLock(w.a);
        collUnlock(w.a);
      },
      "a: b: c:", "a[] b[] c[]"},
@@ -246,11 +196,7 @@ const Scenario kScenarios[] = {
 
 TEST(Notify, Scenarios) {
   for (const Scenario &s : kScenarios) {
-    SCOPED_TRACE(s.name);
-    World w;
-    w.Listen(s.listen);
-    s.steps(w);
-    EXPECT_EQ(w.Told(), s.told);
+    SCOPED_TRACE(s.name); World w; w.Listen(s.listen); s.steps(w); EXPECT_EQ(w.Told(), s.told);
     if (s.state) {
       EXPECT_EQ(w.State(), s.state);
     }
@@ -277,100 +223,54 @@ TEST(Notify, RequestResultsAndLimits) {
   for (size_t i = 0; i < std::size(results); ++i) EXPECT_EQ(results[i][0], results[i][1]) << i;
   // 32 windows; a dead one goes at the next change with all its counts.
   for (int i = 0; i < 31; ++i) ASSERT_EQ(collRequestAdvice(h, ls[i].window(), 1), 1u) << i;
-  EXPECT_EQ(collRequestAdvice(h, ls[31].window(), 1), 0u);
-  EXPECT_EQ(collRequestAdvice(h, ls[0].window(), 1), 1u);
-  Set(h, "x", "1");
-  EXPECT_EQ(Header32(h, coll::ch::adviceTarget), ls[0].window());
-  EXPECT_EQ(Header32(h, coll::ch::adviceCount), 2u);
-  EXPECT_EQ(collRequestAdvice(h, gone, 0), 0u);
-  EXPECT_EQ(collRequestAdvice(h, ls[31].window(), 1), 1u);
-  EXPECT_EQ(collRequestAdvice(h, ls[32].window(), 1), 0u);
+  EXPECT_EQ(collRequestAdvice(h, ls[31].window(), 1), 0u); EXPECT_EQ(collRequestAdvice(h, ls[0].window(), 1), 1u);
+  Set(h, "x", "1"); EXPECT_EQ(Header32(h, coll::ch::adviceTarget), ls[0].window());
+  EXPECT_EQ(Header32(h, coll::ch::adviceCount), 2u); EXPECT_EQ(collRequestAdvice(h, gone, 0), 0u);
+  EXPECT_EQ(collRequestAdvice(h, ls[31].window(), 1), 1u); EXPECT_EQ(collRequestAdvice(h, ls[32].window(), 1), 0u);
   // Withdrawing counts down; the last withdrawal moves the others up.
   EXPECT_EQ(collRequestAdvice(h, ls[0].window(), 0), 1u);
   Set(h, "x", "2");  // one message per change, whatever the count
-  EXPECT_EQ(collRequestAdvice(h, ls[0].window(), 0), 1u);
-  Set(h, "x", "3");
-  EXPECT_EQ(ls[0].count(), 2u);
-  EXPECT_EQ(ls[1].count(), 3u);
-  EXPECT_EQ(Header32(h, coll::ch::adviceTarget), ls[1].window());
-  EXPECT_EQ(Header32(h, coll::ch::adviceTarget + 4 * 31), 0u);
-  EXPECT_EQ(collRequestAdvice(h, ls[32].window(), 1), 1u);
+  EXPECT_EQ(collRequestAdvice(h, ls[0].window(), 0), 1u); Set(h, "x", "3"); EXPECT_EQ(ls[0].count(), 2u);
+  EXPECT_EQ(ls[1].count(), 3u); EXPECT_EQ(Header32(h, coll::ch::adviceTarget), ls[1].window());
+  EXPECT_EQ(Header32(h, coll::ch::adviceTarget + 4 * 31), 0u); EXPECT_EQ(collRequestAdvice(h, ls[32].window(), 1), 1u);
   EXPECT_EQ(Header32(h, coll::ch::adviceTarget + 4 * 31), ls[32].window());
   // 32 propagation targets; withdrawing needs no live target.
   for (int i = 0; i < 32; ++i) ASSERT_EQ(collRequestPropagate(h, b, 1), 1u) << i;
-  EXPECT_EQ(collRequestPropagate(h, b, 1), 0u);
-  collClose(b);
-  EXPECT_EQ(collRequestPropagate(h, b, 0), 1u);
-  EXPECT_EQ(Header32(h, coll::ch::propTarget + 4 * 31), 0u);
-  EXPECT_EQ(Header32(h, coll::ch::propTarget + 4 * 30), b);
+  EXPECT_EQ(collRequestPropagate(h, b, 1), 0u); collClose(b); EXPECT_EQ(collRequestPropagate(h, b, 0), 1u);
+  EXPECT_EQ(Header32(h, coll::ch::propTarget + 4 * 31), 0u); EXPECT_EQ(Header32(h, coll::ch::propTarget + 4 * 30), b);
   collClose(h);
   for (uint32_t r : {collRequestAdvice(h, 0, 0), collRequestAdvice(h, l.window(), 1), collLock(h), collUnlock(h)})
     EXPECT_EQ(r, 0u);
   EXPECT_NE(collOpen("later"), 0u);  // the lock was not left held
 }
 
-TEST(Notify, WindowsMessagesAndTheTagArea) {
-  int calls = 0;
-  auto answer = [](uint32_t, uint32_t message, uintptr_t wParam, intptr_t, void *context) -> intptr_t {
-    ++*static_cast<int *>(context);
-    return intptr_t(message + wParam);
-  };
-  EXPECT_EQ(collHostCreateWindow(nullptr, nullptr), 0u);
-  const uint32_t w = collHostCreateWindow(answer, &calls), w2 = collHostCreateWindow(answer, &calls);
-  EXPECT_NE(w >> 16, 0xFFFFu);
-  EXPECT_NE(w, w2);
-  EXPECT_EQ(platform::SendMessage(w, 5, 7, 0), 12);
-  EXPECT_EQ(collHostDestroyWindow(w), 1u);
-  EXPECT_EQ(collHostDestroyWindow(w), 0u);
-  EXPECT_FALSE(platform::IsWindow(w) || platform::IsWindow(0));
-  EXPECT_TRUE(platform::IsWindow(w2));
-  EXPECT_EQ(platform::SendMessage(w, 5, 7, 0), 0);
-  EXPECT_EQ(calls, 1);
-  EXPECT_EQ(collHostRegisterMessage(nullptr), 0u);
-  EXPECT_EQ(collHostRegisterMessage(""), 0u);
-  const uint32_t advice = collHostRegisterMessage("COLL_ADVICE");
-  EXPECT_GE(advice, 0xC000u);
-  EXPECT_LE(advice, 0xFFFFu);
-  EXPECT_NE(collHostRegisterMessage("Coll_Advice2"), advice);
-  // The advice message: that number, wParam the collection, lParam the tag
-  // area (length word, the caller's spelling, a zero, four zero bytes).
+// The advice message: the number registered for its name, wParam the
+// collection, lParam the tag area (length word, the caller's spelling, a
+// zero, four zero bytes).
+TEST(Notify, TheAdviceMessage) {
   uint8_t *area = coll::MakeTagArea("ab", 100);  // the length stops at the zero
-  EXPECT_EQ(coll::rd16(area), 2u);
-  coll::collFreePtr(area);
-  Listener l;
+  EXPECT_EQ(coll::rd16(area), 2u); coll::collFreePtr(area); Listener l;
   HCOLL h = collOpen("c");
-  collRequestAdvice(h, l.window(), 1);
-  Set(h, "ABC", "1");
-  Del(h, "abc");
+  collRequestAdvice(h, l.window(), 1); Set(h, "ABC", "1"); Del(h, "abc");
   const auto heard = l.heard();
-  ASSERT_EQ(heard.size(), 2u);
-  EXPECT_EQ(heard[0].message, advice);
+  ASSERT_EQ(heard.size(), 2u); EXPECT_EQ(heard[0].message, collHostRegisterMessage("COLL_ADVICE"));
   EXPECT_EQ(heard[0].coll, h);
-  EXPECT_EQ(heard[0].area, std::string("\x03\x00" "ABC\0\0\0\0\0", 10));
-  EXPECT_EQ(heard[1].area, std::string("\x03\x00" "abc\0\0\0\0\0", 10));
+  EXPECT_EQ(heard[0].area + heard[1].area, std::string("\x03\x00" "ABC\0\0\0\0\0" "\x03\x00" "abc\0\0\0\0\0", 20));
 }
 
 TEST(Notify, CollectionItemAroundACycle) {
-  World w;
-  w.Listen("ab");
-  P(w.a, w.b);
-  P(w.b, w.a);
+  World w; w.Listen("ab"); P(w.a, w.b); P(w.b, w.a);
   uint32_t child, held, copied;
   {
-    coll::LockGuard lock;
-    child = coll::InternalCollCreate(w.a);
+    coll::LockGuard lock; child = coll::InternalCollCreate(w.a);
     ASSERT_EQ(coll::SetItem(child, "inner", coll::BuildItem(COLLTYPE_ITEM, "v", 1), 0), 1u);
-    ASSERT_EQ(coll::SetItem(w.a, "n", coll::BuildItem(COLLTYPE_COLL, &child, 4), 1), 1u);
-    uint8_t *block;
-    ASSERT_TRUE(coll::GetItem(coll::GetCollPtr(w.b), "n", &block));
-    copied = coll::rd32(coll::BlockData(block));
-    ASSERT_TRUE(coll::GetItem(coll::GetCollPtr(w.a), "n", &block));
-    held = coll::rd32(coll::BlockData(block));
+    ASSERT_EQ(coll::SetItem(w.a, "n", coll::BuildItem(COLLTYPE_COLL, &child, 4), 1), 1u); uint8_t *block;
+    ASSERT_TRUE(coll::GetItem(coll::GetCollPtr(w.b), "n", &block)); copied = coll::rd32(coll::BlockData(block));
+    ASSERT_TRUE(coll::GetItem(coll::GetCollPtr(w.a), "n", &block)); held = coll::rd32(coll::BlockData(block));
   }
   EXPECT_EQ(w.Told(), "a:n b:n c:");
   EXPECT_EQ(held, child);  // the copy did not come back to replace it
-  EXPECT_NE(copied, child);
-  EXPECT_EQ(testutil::ItemArea(copied), testutil::ItemArea(child));
+  EXPECT_NE(copied, child); EXPECT_EQ(testutil::ItemArea(copied), testutil::ItemArea(child));
   EXPECT_EQ(testutil::CheckState(), "");
 }
 
@@ -378,26 +278,14 @@ TEST(Notify, AllocationFailures) {
   collIsBadCollHandle(0);
   const std::string longTag(300, 'L');
   for (uint32_t n = 1;; ++n) {
-    World w;
-    w.Listen("ab");
-    P(w.a, w.b);
-    Set(w.a, "c", "1");
-    w.la.Clear();
-    w.lb.Clear();
-    platform::FailAllocation(n);
-    collLock(w.a);
-    Set(w.a, "x", "1");
-    Del(w.a, "c");
-    Set(w.a, longTag.c_str(), "1");
-    EXPECT_EQ(collUnlock(w.a), 1u);
+    World w; w.Listen("ab"); P(w.a, w.b); Set(w.a, "c", "1"); w.la.Clear(); w.lb.Clear(); platform::FailAllocation(n);
+    collLock(w.a); Set(w.a, "x", "1"); Del(w.a, "c"); Set(w.a, longTag.c_str(), "1"); EXPECT_EQ(collUnlock(w.a), 1u);
     const uint32_t made = platform::FailAllocation(0);
     // What was told to b's window arrived in b; a window hears nothing twice.
     for (const Heard &m : w.lb.heard()) EXPECT_EQ(Item(w.b, m.tag.c_str()), Item(w.a, m.tag.c_str())) << n;
     EXPECT_LE(w.la.count(), 3u);
     // Marks that could not be told then are told by the next unlock.
-    collUnlock(w.a);
-    EXPECT_NE(Mark(w.a, "x"), 1u) << n;
-    EXPECT_NE(Mark(w.a, longTag.c_str()), 1u) << n;
+    collUnlock(w.a); EXPECT_NE(Mark(w.a, "x"), 1u) << n; EXPECT_NE(Mark(w.a, longTag.c_str()), 1u) << n;
     EXPECT_EQ(testutil::CheckState(), "") << n;
     for (HCOLL h : {w.a, w.b, w.c}) collClose(h);
     if (made < n) break;

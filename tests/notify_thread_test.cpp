@@ -48,27 +48,22 @@ TEST(TransactionThreads, OthersWaitForTheOwner) {
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
     HCOLL a = collOpen("a"), b = collOpen("b");
-    collRequestPropagate(a, b, 1);
-    Listener l;
-    collRequestAdvice(a, l.window(), 1);
+    collRequestPropagate(a, b, 1); Listener l; collRequestAdvice(a, l.window(), 1);
     ASSERT_EQ(collLock(c.lockTarget ? b : a), 1u);
     if (!c.lockTarget) Set(a, "x", "mid");
     uint32_t result = 0;
     {
-      testutil::Worker other([&] { result = c.other(a, b); });
-      EXPECT_TRUE(other.StaysBlocked());
+      testutil::Worker other([&] { result = c.other(a, b); }); EXPECT_TRUE(other.StaysBlocked());
       EXPECT_EQ(Item(b, "x"), "<missing>");
       EXPECT_EQ(Set(c.lockTarget ? b : a, c.lockTarget ? "y" : "x", c.lockTarget ? "y" : "new"), 1u);
-      EXPECT_EQ(l.count(), c.lockTarget ? 1u : 0u);
-      EXPECT_EQ(collUnlock(c.lockTarget ? b : a), 1u);
+      EXPECT_EQ(l.count(), c.lockTarget ? 1u : 0u); EXPECT_EQ(collUnlock(c.lockTarget ? b : a), 1u);
     }
     EXPECT_EQ(result, 1u);
     // The owner lets go before it tells, so a second transaction may be told
     // first; each change is told once.
     EXPECT_NE(("|" + std::string(c.told) + "|").find("|" + l.Tags() + "|"), std::string::npos) << l.Tags();
     const std::string y = Item(c.lockTarget ? b : a, "y");
-    EXPECT_EQ(Item(a, "x") + " " + Item(b, "x") + " " + (y == "<missing>" ? "y" : y), c.after);
-    collClose(a);
+    EXPECT_EQ(Item(a, "x") + " " + Item(b, "x") + " " + (y == "<missing>" ? "y" : y), c.after); collClose(a);
     collClose(b);
   }
 }
@@ -80,55 +75,41 @@ TEST(TransactionThreads, TargetClosedWhileARequestWaits) {
   ASSERT_EQ(collLock(a), 1u);
   uint32_t result = 1;
   {
-    testutil::Worker other([&] { result = collRequestPropagate(a, gone, 1); });
-    EXPECT_TRUE(other.StaysBlocked());
-    collClose(gone);
-    collUnlock(a);
+    testutil::Worker other([&] { result = collRequestPropagate(a, gone, 1); }); EXPECT_TRUE(other.StaysBlocked());
+    collClose(gone); collUnlock(a);
   }
   EXPECT_EQ(result, 0u);
 }
 
 TEST(TransactionThreads, ToldInTheChangingThreadWhileOthersPropagate) {
   HCOLL a = collOpen("a"), b = collOpen("b");
-  collRequestPropagate(a, b, 1);
-  collRequestPropagate(b, a, 1);
-  Listener la, lb;
-  collRequestAdvice(a, la.window(), 1);
-  collRequestAdvice(b, lb.window(), 1);
-  thread_local uint32_t toldHere = 0;
-  la.onMessage = [](const testutil::Heard &) { ++toldHere; };
-  constexpr int kThreads = 4, kRounds = 50;
+  collRequestPropagate(a, b, 1); collRequestPropagate(b, a, 1); Listener la, lb; collRequestAdvice(a, la.window(), 1);
+  collRequestAdvice(b, lb.window(), 1); thread_local uint32_t toldHere = 0;
+  la.onMessage = [](const testutil::Heard &) { ++toldHere; }; constexpr int kThreads = 4, kRounds = 50;
   std::atomic<int> mismatches{0};
   InThreads(kThreads + 1, [&](int t) {
     const std::string tag = "t" + std::to_string(t);
     for (int r = 0; r < kRounds; ++r) {
       if (t == kThreads) {  // changes of b, propagated to a and told there in this thread
-        Set(b, "fromB", std::to_string(r).c_str());
-        continue;
+        Set(b, "fromB", std::to_string(r).c_str()); continue;
       }
-      collLock(a);
-      Set(a, tag.c_str(), std::to_string(r % 10).c_str());
-      collUnlock(a);
+      collLock(a); Set(a, tag.c_str(), std::to_string(r % 10).c_str()); collUnlock(a);
     }
     // Each round was told once, and in this thread.
     if (toldHere != uint32_t(kRounds)) mismatches.fetch_add(1);
   });
-  EXPECT_EQ(mismatches.load(), 0);
-  EXPECT_EQ(la.count(), size_t((kThreads + 1) * kRounds));
+  EXPECT_EQ(mismatches.load(), 0); EXPECT_EQ(la.count(), size_t((kThreads + 1) * kRounds));
   EXPECT_EQ(Item(b, "t0"), std::to_string((kRounds - 1) % 10));
-  EXPECT_EQ(Item(a, "fromB"), std::to_string(kRounds - 1));
-  EXPECT_EQ(testutil::CheckState(), "");
+  EXPECT_EQ(Item(a, "fromB"), std::to_string(kRounds - 1)); EXPECT_EQ(testutil::CheckState(), "");
 }
 
 TEST(CatalogThreads, OpensAndNamesNeverCollide) {
-  testutil::TempIni ini;
-  constexpr int kThreads = 4, kEach = 20;
+  testutil::TempIni ini; constexpr int kThreads = 4, kEach = 20;
   std::vector<std::vector<HCOLL>> shared(kThreads), unique(kThreads);
   std::vector<std::vector<std::string>> names(kThreads);
   InThreads(kThreads, [&](int t) {
     for (int i = 0; i < kEach; ++i) {
-      shared[t].push_back(collOpenShared("Common"));
-      unique[t].push_back(collOpenUnique("U"));
+      shared[t].push_back(collOpenShared("Common")); unique[t].push_back(collOpenUnique("U"));
       char buf[100];
       if (collGenerateNewName(buf, sizeof buf) == 14) names[t].push_back(buf);
     }
@@ -137,14 +118,11 @@ TEST(CatalogThreads, OpensAndNamesNeverCollide) {
   std::set<std::string> all;
   for (int t = 0; t < kThreads; ++t) {
     for (HCOLL h : shared[t]) EXPECT_EQ(h, shared[0][0]);
-    uniques.insert(unique[t].begin(), unique[t].end());
-    all.insert(names[t].begin(), names[t].end());
+    uniques.insert(unique[t].begin(), unique[t].end()); all.insert(names[t].begin(), names[t].end());
   }
   EXPECT_EQ(collGetShareCount(shared[0][0]), uint32_t(kThreads * kEach));
-  EXPECT_EQ(uniques.size(), size_t(kThreads * kEach));
-  EXPECT_EQ(uniques.count(0), 0u);
-  EXPECT_EQ(all.size(), size_t(kThreads * kEach));
-  EXPECT_EQ(collItemCount(0x4001), uint32_t(1 + kThreads * kEach));
+  EXPECT_EQ(uniques.size(), size_t(kThreads * kEach)); EXPECT_EQ(uniques.count(0), 0u);
+  EXPECT_EQ(all.size(), size_t(kThreads * kEach)); EXPECT_EQ(collItemCount(0x4001), uint32_t(1 + kThreads * kEach));
 }
 
 }  // namespace

@@ -30,13 +30,11 @@ constexpr uint32_t kNone = 0xFFFFFFFFu;
 
 // A header word of a live table (kNone when the handle is invalid).
 uint32_t Hdr(HTABLE t, uint32_t offset, bool wide = false) {
-  coll::LockGuard lock;
-  uint8_t *h = coll::GetTablePtr(t);
+  coll::LockGuard lock; uint8_t *h = coll::GetTablePtr(t);
   return !h ? kNone : wide ? coll::rd32(h + offset) : coll::rd16(h + offset);
 }
 uint32_t RefCount(HTABLE t) {
-  coll::LockGuard lock;
-  uint8_t *h = coll::GetTablePtr(t);
+  coll::LockGuard lock; uint8_t *h = coll::GetTablePtr(t);
   return h ? coll::ps->tableData[coll::TableDataIndex(h)].refCount : 0;
 }
 uint32_t RecordsInUse() {
@@ -46,8 +44,7 @@ uint32_t RecordsInUse() {
   return n;
 }
 std::string Data(HTABLE t) {
-  coll::LockGuard lock;
-  uint8_t *h = coll::GetTablePtr(t);
+  coll::LockGuard lock; uint8_t *h = coll::GetTablePtr(t);
   return h ? std::string(reinterpret_cast<char *>(coll::TableData(h)), coll::TableDataLength(h)) : "";
 }
 
@@ -60,8 +57,7 @@ void ExpectOffsets(HTABLE t) {
   for (size_t i = 0; i < data.size(); ++i)
     if (data[i] == 0 && i + 1 < data.size()) starts.push_back(i + 1);
   const uint32_t cols = Hdr(t, coll::th::cols), rows = Hdr(t, coll::th::rows);
-  ASSERT_EQ(starts.size(), (rows + 1) * cols + 5) << t;
-  EXPECT_EQ(Hdr(t, coll::th::rowsOffset, true), starts[cols]);
+  ASSERT_EQ(starts.size(), (rows + 1) * cols + 5) << t; EXPECT_EQ(Hdr(t, coll::th::rowsOffset, true), starts[cols]);
   EXPECT_EQ(Hdr(t, coll::th::attrOffset, true), starts[starts.size() - 5]);
   EXPECT_LE(Hdr(t, coll::th::length) + 48u, Hdr(t, coll::th::pages, true) * 1023);
 }
@@ -107,10 +103,8 @@ uint32_t ModelCompare(const Model &a, const Model &b, uint32_t start, uint32_t f
 }
 // Reads everything of t and compares it with m.
 void ExpectTable(HTABLE t, const Model &m, std::mt19937 &rng) {
-  ASSERT_EQ(tableRowCount(t), m.rows.size());
-  ASSERT_EQ(tableColCount(t), m.names.size());
-  EXPECT_EQ(tableGetSelection(t), m.sel);
-  EXPECT_EQ(Row(t, ROW_NAMES), Join(m.names));
+  ASSERT_EQ(tableRowCount(t), m.rows.size()); ASSERT_EQ(tableColCount(t), m.names.size());
+  EXPECT_EQ(tableGetSelection(t), m.sel); EXPECT_EQ(Row(t, ROW_NAMES), Join(m.names));
   EXPECT_EQ(Row(t, ROW_ATTRIBUTES), Join(m.attrs));
   for (uint32_t r = 0; r < m.rows.size(); ++r) ASSERT_EQ(Row(t, int32_t(r)), Join(m.rows[r])) << r;
   for (int i = 0; i < 6 && !m.rows.empty(); ++i) {  // fields in any order, cut to a random buffer
@@ -142,8 +136,7 @@ TEST(TableModel, RandomGridsReadAsTheirModels) {
     std::mt19937 rng(seed);
     const uint32_t cols = 1 + seed % 4;
     std::vector<std::pair<HTABLE, Model>> pool{{tableCreate(cols, 0), Model{}}};
-    pool.reserve(8);
-    pool[0].second.names.assign(cols, "");
+    pool.reserve(8); pool[0].second.names.assign(cols, "");
     for (int step = 0; step < 250; ++step) {
       auto &[t, m] = pool[rng() % pool.size()];
       const uint32_t rows = uint32_t(m.rows.size());
@@ -186,25 +179,19 @@ TEST(TableModel, RandomGridsReadAsTheirModels) {
         }
         case 5: {
           const uint32_t row = rng() % 4 ? rng() % (rows + 2) : kNone;
-          ASSERT_EQ(tableSetSelection(t, row), 1u);
-          m.sel = row < rows ? row : kNone;
-          break;
+          ASSERT_EQ(tableSetSelection(t, row), 1u); m.sel = row < rows ? row : kNone; break;
         }
         case 6: {  // a second handle on the data (a copy, or one through a collection), or one less
           if (pool.size() >= 4) {
             const size_t i = rng() % pool.size();
-            tableDestroy(pool[i].first);
-            pool.erase(pool.begin() + long(i));
-            break;
+            tableDestroy(pool[i].first); pool.erase(pool.begin() + long(i)); break;
           }
           HCOLL c = rng() % 2 ? collOpen("holder") : 0;
           ASSERT_EQ(c ? collSetTable(c, "t", t) : 1u, 1u);
           HTABLE copy = c ? collGetTable(c, "t") : tableCopy(t, 12345);
-          collClose(c);
-          ASSERT_NE(copy, 0u);
+          collClose(c); ASSERT_NE(copy, 0u);
           const Model same = m;
-          pool.emplace_back(copy, same);
-          break;
+          pool.emplace_back(copy, same); break;
         }
         default: {  // searches and comparisons, which change nothing
           const uint32_t col = rng() % (cols + 1), start = rng() % (rows + 1);
@@ -231,17 +218,14 @@ TEST(TableModel, RandomGridsReadAsTheirModels) {
       HCOLL c = collOpen("c");
       ASSERT_EQ(collSetTable(c, "t", t), 1u);
       EXPECT_EQ(collTableRowCount(c, "T") + collTableColCount(c, "t") * 100, m.rows.size() + cols * 100);
-      EXPECT_EQ(collTableGetSelection(c, "t"), m.sel);
-      EXPECT_NE(collTableGetStamp(c, "t"), 0u);
+      EXPECT_EQ(collTableGetSelection(c, "t"), m.sel); EXPECT_NE(collTableGetStamp(c, "t"), 0u);
       for (int32_t r = ROW_ATTRIBUTES; r < int32_t(m.rows.size()); ++r) {
         if (r == ROW_APPEND || r == -3 || r == -2) continue;
         char a[512], b[512];
         const uint32_t n = tableGetRow(t, uint32_t(r), a, sizeof a);
-        ASSERT_EQ(collTableGetRow(c, "t", uint32_t(r), b, sizeof b), n) << r;
-        EXPECT_EQ(std::memcmp(a, b, n), 0) << r;
+        ASSERT_EQ(collTableGetRow(c, "t", uint32_t(r), b, sizeof b), n) << r; EXPECT_EQ(std::memcmp(a, b, n), 0) << r;
         std::memset(b, '#', sizeof b);  // a row that does not fit is not copied
-        EXPECT_EQ(n > 1 ? collTableGetRow(c, "t", uint32_t(r), b, n - 1) : n, n);
-        EXPECT_EQ(b[0], '#');
+        EXPECT_EQ(n > 1 ? collTableGetRow(c, "t", uint32_t(r), b, n - 1) : n, n); EXPECT_EQ(b[0], '#');
         for (uint32_t col = uint32_t(-5); col != cols && r >= ROW_HEADER; ++col)
           EXPECT_EQ(collTableGetField(c, "t", r, col, a, sizeof a) ? std::string(a) : "<none>", Field(t, r, col));
       }
@@ -255,10 +239,7 @@ TEST(TableModel, RandomGridsReadAsTheirModels) {
       ASSERT_EQ(collDumpItems(c, image.data(), uint32_t(image.size())), image.size());
       HTABLE back = tableLoad(image.data(), uint32_t(image.size()), 0, 0, 0);
       EXPECT_EQ(Grid(back) + Row(back, ROW_ATTRIBUTES), Grid(t) + Join(m.attrs));
-      EXPECT_EQ(tableGetSelection(back), m.sel);
-      tableDestroy(back);
-      collClose(c);
-      tableDestroy(t);
+      EXPECT_EQ(tableGetSelection(back), m.sel); tableDestroy(back); collClose(c); tableDestroy(t);
     }
     EXPECT_EQ(RecordsInUse(), 0u);
   }
@@ -290,9 +271,7 @@ TEST(TableObject, NewTableLayoutAndLimits) {
                               {coll::th::rowsOffset, 3, 1},    {coll::th::attrOffset, 3, 1},  {coll::th::pages, 1, 1},
                               {coll::th::owner, 0, 1}};
   for (const auto &w : want) EXPECT_EQ(Hdr(t, w[0], w[2]), w[1]) << w[0];
-  EXPECT_EQ(Data(t), std::string(8, '\0'));
-  EXPECT_EQ(tableGetType(t), 0x2345u);
-  EXPECT_NE(tableGetStamp(t), 0u);
+  EXPECT_EQ(Data(t), std::string(8, '\0')); EXPECT_EQ(tableGetType(t), 0x2345u); EXPECT_NE(tableGetStamp(t), 0u);
   // Columns: as many pages as they need up to 64; past that, or past 16 bits, refused.
   EXPECT_EQ(Hdr(wide, coll::th::pages, true) * 100000 + Hdr(wide, coll::th::length), 201072u);
   EXPECT_EQ(Hdr(widest, coll::th::pages, true), 64u);
@@ -304,8 +283,7 @@ TEST(TableObject, NewTableLayoutAndLimits) {
   EXPECT_EQ(coll::TableDataIndex(h), 0u);
   // Growth by whole pages, never shrinking, up to 64.
   for (const auto &[growth, pages] : {std::pair<int32_t, uint32_t>{921, 1}, {922, 2}, {-40, 2}, {64 * 1023 - 102, 64}}) {
-    EXPECT_NE(coll::LimitCheck(h, growth, t), nullptr) << growth;
-    EXPECT_EQ(coll::TablePages(h), pages) << growth;
+    EXPECT_NE(coll::LimitCheck(h, growth, t), nullptr) << growth; EXPECT_EQ(coll::TablePages(h), pages) << growth;
   }
   EXPECT_EQ(coll::LimitCheck(h, 64 * 1023 - 101, t), nullptr);
 }
@@ -321,14 +299,11 @@ TEST(TableObject, DataLimitReachedExactlyAndRefusedOneByteLater) {
   EXPECT_KEEPS_ON_FAILURE(tableSetItem(t, ROW_HEADER, 0, "n"), 0u);
   EXPECT_KEEPS_ON_FAILURE(tableSetItem(t, ROW_HEADER, uint32_t(-5), "a"), 0u);
   EXPECT_KEEPS_ON_FAILURE(tableAddRow(t, uint32_t(ROW_APPEND)), 0u);
-  EXPECT_KEEPS_ON_FAILURE(SetRow(t, 0, big + "q"), 0u);
-  EXPECT_EQ(tableSetItem(t, 0, 0, "small"), 1u);
-  ExpectOffsets(t);
+  EXPECT_KEEPS_ON_FAILURE(SetRow(t, 0, big + "q"), 0u); EXPECT_EQ(tableSetItem(t, 0, 0, "small"), 1u); ExpectOffsets(t);
   // Empty rows, one byte each, up to the limit.
   uint32_t added = 0;
   while (tableAddRow(empties, uint32_t(ROW_APPEND))) ++added;
-  EXPECT_EQ(added, 65376u - 6u);
-  ExpectOffsets(empties);
+  EXPECT_EQ(added, 65376u - 6u); ExpectOffsets(empties);
 }
 
 TEST(TableObject, FailuresOfBadHandlesAndArguments) {
@@ -357,11 +332,9 @@ TEST(TableObject, FailuresOfBadHandlesAndArguments) {
   // A selection that has fallen off the end is cleared by reading it.
   tableSetSelection(t, 1);
   {
-    coll::LockGuard lock;
-    coll::wr16(coll::GetTablePtr(t) + coll::th::rows, 1);
+    coll::LockGuard lock; coll::wr16(coll::GetTablePtr(t) + coll::th::rows, 1);
   }
-  EXPECT_EQ(tableGetSelection(t), kNone);
-  EXPECT_EQ(Hdr(t, coll::th::selection), 0xFFFFu);
+  EXPECT_EQ(tableGetSelection(t), kNone); EXPECT_EQ(Hdr(t, coll::th::selection), 0xFFFFu);
 }
 
 TEST(TableObject, DataEndingInsideAStringStaysInBounds) {
@@ -369,36 +342,27 @@ TEST(TableObject, DataEndingInsideAStringStaysInBounds) {
   tableSetItem(t, ROW_HEADER, uint32_t(-5), "xy");
   const uint32_t length = Hdr(t, coll::th::length);
   {
-    coll::LockGuard lock;
-    coll::wr16(coll::GetTablePtr(t) + coll::th::length, length - 1);
+    coll::LockGuard lock; coll::wr16(coll::GetTablePtr(t) + coll::th::length, length - 1);
   }
   EXPECT_EQ(Field(t, ROW_HEADER, uint32_t(-5)), "xy");
   EXPECT_EQ(tableGetRow(t, uint32_t(ROW_ATTRIBUTES), nullptr, 0), 6u);
   ASSERT_EQ(tableSetItem(t, ROW_HEADER, uint32_t(-5), "z"), 1u);
-  EXPECT_EQ(Grid(t) + "/" + Row(t, ROW_ATTRIBUTES), "c0/r0c0/||||z");
-  ExpectOffsets(t);
+  EXPECT_EQ(Grid(t) + "/" + Row(t, ROW_ATTRIBUTES), "c0/r0c0/||||z"); ExpectOffsets(t);
 }
 
 TEST(TableObject, SharersAndSlots) {
   HTABLE a = MakeGrid("A|B/1|2/3|4"), b = tableCopy(a, 0), c = tableCopy(a, 0);
   EXPECT_EQ(RefCount(a), 3u);
   // Changes that are refused leave the block shared.
-  tableDeleteRow(b, 2);
-  EXPECT_EQ(tableSetItem(b, 2, 0, "x"), 0u);
-  tableSetSelection(b, 1);
-  EXPECT_EQ(RefCount(a), 3u);
+  tableDeleteRow(b, 2); EXPECT_EQ(tableSetItem(b, 2, 0, "x"), 0u); tableSetSelection(b, 1); EXPECT_EQ(RefCount(a), 3u);
   // A change through the middle one leaves the other two sharing.
-  tableSetItem(b, 0, 0, "b");
-  EXPECT_EQ(RefCount(a) * 10 + RefCount(b), 21u);
-  EXPECT_EQ(tableCompare(a, c, 9, 0), 2u);
+  tableSetItem(b, 0, 0, "b"); EXPECT_EQ(RefCount(a) * 10 + RefCount(b), 21u); EXPECT_EQ(tableCompare(a, c, 9, 0), 2u);
   // No free slot: nothing is left behind.
   std::vector<HTABLE> tables;
   for (HTABLE t; (t = tableCreate(2, 0)) != 0;) tables.push_back(t);
-  EXPECT_EQ(tables.size(), 251u);
-  EXPECT_EQ(tableCopy(a, 0), 0u);
+  EXPECT_EQ(tables.size(), 251u); EXPECT_EQ(tableCopy(a, 0), 0u);
   HCOLL h = collOpen("c");
-  EXPECT_KEEPS_ON_FAILURE(collSetTable(h, "t", a), 0u);
-  tableDestroy(tables[100]);
+  EXPECT_KEEPS_ON_FAILURE(collSetTable(h, "t", a), 0u); tableDestroy(tables[100]);
   EXPECT_EQ(tableCreate(1, 0), tables[100]);
 }
 
@@ -407,42 +371,28 @@ TEST(TableObject, SharersAndSlots) {
 TEST(CollTables, StoredTableIsAnOwnedSnapshot) {
   HCOLL c = collOpen("c"), d = collOpen("d");
   HTABLE t = MakeGrid("Name|Town/ann|Oslo/bob|Rome/cy|"), item = 0;
-  tableSetSelection(t, 1);
-  ASSERT_EQ(collSetTable(c, "people", t), 1u);
+  tableSetSelection(t, 1); ASSERT_EQ(collSetTable(c, "people", t), 1u);
   EXPECT_EQ(collGetType(c, "PEOPLE"), uint32_t(COLLTYPE_TABLE));
   {
-    coll::LockGuard lock;
-    uint8_t *img, *header;
-    ASSERT_TRUE(coll::RetrieveTableItem(c, &img, "people", &header, &item));
-    EXPECT_EQ(coll::TableOwner(header), c);
+    coll::LockGuard lock; uint8_t *img, *header;
+    ASSERT_TRUE(coll::RetrieveTableItem(c, &img, "people", &header, &item)); EXPECT_EQ(coll::TableOwner(header), c);
   }
-  EXPECT_NE(item, t);
-  EXPECT_EQ(RefCount(t), 2u);
+  EXPECT_NE(item, t); EXPECT_EQ(RefCount(t), 2u);
   // The item's handle is left alone by tableDestroy; the source goes, and
   // its changes never reach the item.
-  tableSetItem(t, 0, 0, "changed");
-  tableDestroy(item);
-  tableDestroy(t);
-  EXPECT_EQ(tableRowCount(t), kNone);
+  tableSetItem(t, 0, 0, "changed"); tableDestroy(item); tableDestroy(t); EXPECT_EQ(tableRowCount(t), kNone);
   EXPECT_EQ(Grid(item), "Name|Town/ann|Oslo/bob|Rome/cy|");
   // A copied item shares until changed through its own handle; a table
   // taken out is the caller's and outlives the collection.
   ASSERT_EQ(collCopyItem(d, c, "people"), 1u);
   HTABLE out = collGetTable(d, "people");
   EXPECT_EQ(RefCount(item) * 100 + Hdr(out, coll::th::owner, true) * 10 + tableGetSelection(out), 301u);
-  tableDeleteRow(out, 0);
-  EXPECT_EQ(collTableRowCount(d, "people"), 3u);
-  collClose(d);
+  tableDeleteRow(out, 0); EXPECT_EQ(collTableRowCount(d, "people"), 3u); collClose(d);
   EXPECT_EQ(tableRowCount(out), 2u);
   // Replacing the item releases its handle; task abort ends free tables.
-  ASSERT_EQ(collSetItem(c, "people", "x", 1), 1u);
-  EXPECT_EQ(tableRowCount(item), kNone);
-  EXPECT_EQ(RecordsInUse(), 1u);
-  collSetTable(c, "again", out);
-  collTaskAbort(platform::CurrentProcessId());
-  EXPECT_EQ(tableRowCount(out), kNone);
-  EXPECT_EQ(collIsBadCollHandle(c), 1u);
-  EXPECT_EQ(RecordsInUse(), 0u);
+  ASSERT_EQ(collSetItem(c, "people", "x", 1), 1u); EXPECT_EQ(tableRowCount(item), kNone); EXPECT_EQ(RecordsInUse(), 1u);
+  collSetTable(c, "again", out); collTaskAbort(platform::CurrentProcessId()); EXPECT_EQ(tableRowCount(out), kNone);
+  EXPECT_EQ(collIsBadCollHandle(c), 1u); EXPECT_EQ(RecordsInUse(), 0u);
 }
 
 TEST(CollTables, RefusalsByTag) {
@@ -461,13 +411,11 @@ TEST(CollTables, RefusalsByTag) {
     for (uint32_t g : got) EXPECT_EQ(g, kNone) << tag;
     EXPECT_EQ(buf[0], h == c && tag ? 0 : 'z');  // emptied once the arguments pass
   }
-  collSetTable(c, "t", t);
-  EXPECT_EQ(collTableGetColIndex(c, "t", nullptr), kNone);
+  collSetTable(c, "t", t); EXPECT_EQ(collTableGetColIndex(c, "t", nullptr), kNone);
   EXPECT_EQ(collTableFindField(c, "t", nullptr, 1, 0, 0), kNone);
   EXPECT_EQ(collTableSetSelection(c, "t", 0), 1u);  // the item's own selection
   EXPECT_EQ(collTableGetSelection(c, "t") * 10 + tableGetSelection(t), 0u * 10 + kNone);
-  EXPECT_EQ(collTableSetSelection(c, "t", 1), 1u);
-  EXPECT_EQ(collTableGetSelection(c, "t"), kNone);
+  EXPECT_EQ(collTableSetSelection(c, "t", 1), 1u); EXPECT_EQ(collTableGetSelection(c, "t"), kNone);
 }
 
 // The selected row stored as text items named like the columns, directly
@@ -478,34 +426,24 @@ TEST(CollTables, SelectedRowToCollection) {
     HCOLL from = collOpen("from"), dest = collOpen("dest");
     HTABLE t = MakeGrid("Name|Town|Zip/ann||123/bob|Rome|456");
     auto copy = [&](uint32_t sel, HCOLL to = 0) {
-      tableSetSelection(t, sel);
-      collSetTable(from, "p", t);
+      tableSetSelection(t, sel); collSetTable(from, "p", t);
       return byTag ? collTableDataToCollection(to ? to : dest, from, "p") : tableDataToCollection(t, to ? to : dest);
     };
-    collSetItem(dest, "Town", "old", 3);
-    EXPECT_EQ(copy(kNone), 0u);
-    EXPECT_EQ(testutil::Tags(dest), "Town");
-    ASSERT_EQ(copy(1), 1u);
-    EXPECT_EQ(testutil::Tags(dest) + " " + Text(dest, "TOWN"), "Name,Town,Zip Rome");
-    EXPECT_EQ(collGetType(dest, "town"), uint32_t(COLLTYPE_STRING));
-    ASSERT_EQ(copy(0), 1u);
+    collSetItem(dest, "Town", "old", 3); EXPECT_EQ(copy(kNone), 0u); EXPECT_EQ(testutil::Tags(dest), "Town");
+    ASSERT_EQ(copy(1), 1u); EXPECT_EQ(testutil::Tags(dest) + " " + Text(dest, "TOWN"), "Name,Town,Zip Rome");
+    EXPECT_EQ(collGetType(dest, "town"), uint32_t(COLLTYPE_STRING)); ASSERT_EQ(copy(0), 1u);
     EXPECT_EQ(testutil::Tags(dest) + " " + Text(dest, "name"), "Name,Zip ann");
     EXPECT_EQ(copy(1, 0x4001), 1u);  // the catalog is not refused as the destination
-    EXPECT_EQ(copy(1, 0x40FE), 0u);
-    SetRow(t, ROW_NAMES, "A||C");
+    EXPECT_EQ(copy(1, 0x40FE), 0u); SetRow(t, ROW_NAMES, "A||C");
     EXPECT_EQ(copy(1), 0u);  // A is stored before the empty name stops it
     EXPECT_EQ(Text(dest, "A") + Text(dest, "C"), "bob<missing>");
     EXPECT_EQ(byTag ? collTableDataToCollection(dest, from, "none") : tableDataToCollection(0x80FE, dest), 0u);
-    EXPECT_EQ(collTableDataToCollection(dest, 0x40FE, "p"), 0u);
-    collClose(from);
-    collClose(dest);
-    tableDestroy(t);
+    EXPECT_EQ(collTableDataToCollection(dest, 0x40FE, "p"), 0u); collClose(from); collClose(dest); tableDestroy(t);
   }
   // A first column named like the item itself replaces the item being read.
   HCOLL c = collOpen("c");
   HTABLE t = MakeGrid("p|Second/first|second");
-  tableSetSelection(t, 0);
-  collSetTable(c, "p", t);
+  tableSetSelection(t, 0); collSetTable(c, "p", t);
   const uint32_t open = collGetNonSharedHandles(nullptr, 0);
   ASSERT_EQ(collTableDataToCollection(c, c, "p"), 1u);
   EXPECT_EQ(testutil::Tags(c) + " " + Text(c, "p"), "p,Second first");
@@ -529,20 +467,15 @@ TEST(TableAllocFailure, EveryAllocationFailsInTurn) {
       EXPECT_EQ(Field(t, 0, 1), set ? wide : added ? "b" : "<none>");
       const std::string before = Data(t);
       if (HTABLE copy = tableCopy(t, 0)) {
-        EXPECT_EQ(Data(copy) == before, tableAddRow(copy, 0) == 0);
-        EXPECT_EQ(Data(t), before);
-        tableDestroy(copy);
+        EXPECT_EQ(Data(copy) == before, tableAddRow(copy, 0) == 0); EXPECT_EQ(Data(t), before); tableDestroy(copy);
       }
       HCOLL c = collOpen("c");
       if (c && collSetTable(c, "t", t)) {
-        tableDestroy(collGetTable(c, "t"));
-        tableSetSelection(t, 0);
+        tableDestroy(collGetTable(c, "t")); tableSetSelection(t, 0);
         const uint32_t copied = tableDataToCollection(t, c);
         EXPECT_TRUE(!copied || testutil::Tags(c) == "t,x,y");
       }
-      collClose(c);
-      EXPECT_EQ(testutil::CheckState(), "") << n;
-      tableDestroy(t);
+      collClose(c); EXPECT_EQ(testutil::CheckState(), "") << n; tableDestroy(t);
     }
     const uint32_t made = platform::FailAllocation(0);
     uint32_t handles[4];

@@ -37,23 +37,18 @@ TEST(TableThreads, CopiesChangeIndependently) {
         failures += Field(copy, int32_t(row + 1), 1) != mine || tableRowCount(copy) != 21;
         failures += tableCompare(copy, source, 0, 0) != row || Field(source, int32_t(row), 1) != "value";
         failures += collTableFindField(common, "t", mine.c_str(), 0xFFFFFFFFu, 0, 1) != 0xFFFFFFFFu;
-        collTableSetSelection(common, "t", row);
-        tableDestroy(copy);
+        collTableSetSelection(common, "t", row); tableDestroy(copy);
       }
     });
   for (auto &th : threads) th.join();
-  EXPECT_EQ(failures.load(), 0);
-  EXPECT_EQ(tableRowCount(source), 20u);
-  collClose(common);
-  tableDestroy(source);
+  EXPECT_EQ(failures.load(), 0); EXPECT_EQ(tableRowCount(source), 20u); collClose(common); tableDestroy(source);
   coll::LockGuard lock;
   for (uint32_t i = 0; i < coll::kSlots; ++i) EXPECT_EQ(coll::ps->tableData[i].data, nullptr);
 }
 
 TEST(ClipboardThreads, ExportImportAndHostShareTheClipboard) {
   HTABLE t = testutil::MakeGrid("A|B/1|2");
-  ASSERT_EQ(tableSetSelection(t, 0), 1u);
-  constexpr int kRounds = 2000;
+  ASSERT_EQ(tableSetSelection(t, 0), 1u); constexpr int kRounds = 2000;
   std::atomic<int> bad{0};
   std::vector<std::thread> threads;
   for (int w = 0; w < 2; ++w)
@@ -64,8 +59,7 @@ TEST(ClipboardThreads, ExportImportAndHostShareTheClipboard) {
     for (int i = 0; i < kRounds; ++i) {
       // Only texts with a CR give a table: a names line, maybe a row.
       if (HTABLE back = tableDataFromClipboard(0)) {
-        bad += tableColCount(back) != 2 || tableRowCount(back) > 1;
-        tableDestroy(back);
+        bad += tableColCount(back) != 2 || tableRowCount(back) > 1; tableDestroy(back);
       }
     }
   });
@@ -82,8 +76,7 @@ TEST(ClipboardThreads, ExportImportAndHostShareTheClipboard) {
   for (auto &th : threads) th.join();
   EXPECT_EQ(bad.load(), 0);
   // Nobody keeps the clipboard open.
-  EXPECT_EQ(collHostOpenClipboard(9), 1u);
-  EXPECT_EQ(collHostCloseClipboard(), 1u);
+  EXPECT_EQ(collHostOpenClipboard(9), 1u); EXPECT_EQ(collHostCloseClipboard(), 1u);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <iterator>
 #include <string>
+#include <utility>
 
 #include "coll.h"
 #include "coll_host.h"
@@ -31,6 +32,11 @@ intptr_t Quiet(uint32_t, uint32_t, uintptr_t, intptr_t, void *) { return 0; }
 uint32_t Mark(HCOLL h, const char *tag) {
   coll::LockGuard lock; uint8_t *img = coll::GetCollPtr(h), *block = nullptr;
   return img && coll::GetItem(img, tag, &block) ? coll::rd16(block + coll::ib::tranFlag) : kNone;
+}
+// The chunks and bytes of the queue of tags deleted in a's transaction.
+std::pair<uint32_t, uint32_t> Queue(HCOLL h) {
+  coll::LockGuard lock;
+  return {coll::ps->queueChunks[h - 0x4000], coll::ps->queueLen[h - 0x4000]};
 }
 uint32_t Header32(HCOLL h, uint32_t offset) {
   coll::LockGuard lock; uint8_t *img = coll::GetCollPtr(h);
@@ -161,12 +167,17 @@ const Scenario kScenarios[] = {
     {"delete twice", "", [](World &w) { Held(w); Del(w.a, "C"); Del(w.a, "c"); collUnlock(w.a); }, "a:C b: c:", nullptr},
     {"long tags told whole", "",
      [](World &w) {
-       for (const std::string &t : {Long('d', 2000), Long('e', 700), Long('f', 700)}) Set(w.a, t.c_str(), "1");
+       for (const std::string &t : {Long('d', 1023), Long('e', 700), Long('f', 700)}) Set(w.a, t.c_str(), "1");
        Held(w);
-       for (const std::string &t : {Long('d', 2000), Long('e', 700), Long('f', 700)}) Del(w.a, t.c_str());
-       Set(w.a, Long('m', 300).c_str(), "1"); collUnlock(w.a);
+       // Deleted tags queue with their zeros, in whole chunks of 1023 bytes.
+       Del(w.a, Long('d', 1023).c_str());
+       EXPECT_EQ(Queue(w.a), std::make_pair(2u, 1024u));
+       for (const std::string &t : {Long('e', 700), Long('f', 700)}) Del(w.a, t.c_str());
+       EXPECT_EQ(Queue(w.a), std::make_pair(3u, 2426u));
+       Set(w.a, Long('m', 300).c_str(), "1");
+       collUnlock(w.a);
      },
-     "a:d*2000,e*700,f*700,m*300 b: c:", nullptr},
+     "a:d*1023,e*700,f*700,m*300 b: c:", nullptr},
     {"a repeated lock ends at the first unlock", "a",
      [](World &w) {
        EXPECT_EQ(collLock(w.a), 1u); EXPECT_EQ(collLock(w.a), 1u); Set(w.a, "x", "1"); EXPECT_EQ(collUnlock(w.a), 1u);

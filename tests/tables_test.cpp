@@ -350,6 +350,19 @@ TEST(TableObject, DataEndingInsideAStringStaysInBounds) {
   EXPECT_EQ(Grid(t) + "/" + Row(t, ROW_ATTRIBUTES), "c0/r0c0/||||z"); ExpectOffsets(t);
 }
 
+// A loaded table that claims more rows than its strings fill: the missing
+// strings read as empty ones, and the attributes come after them.
+TEST(TableObject, LoadedTableWithMissingStrings) {
+  HCOLL c = collOpen("c");
+  collSetTable(c, "t", MakeGrid("n/a/b"));
+  std::string image(collDumpItems(c, nullptr, 0), '\0');
+  collDumpItems(c, image.data(), uint32_t(image.size()));
+  image[24] = 10;  // the rows word of the stored table header, at 16 + the tag length
+  HTABLE back = tableLoad(image.data(), uint32_t(image.size()), 0, 0, 0);
+  EXPECT_EQ(Grid(back) + " " + Row(back, ROW_ATTRIBUTES), "n/a/b//////// ||||");
+  ExpectOffsets(back);
+}
+
 TEST(TableObject, SharersAndSlots) {
   HTABLE a = MakeGrid("A|B/1|2/3|4"), b = tableCopy(a, 0), c = tableCopy(a, 0);
   EXPECT_EQ(RefCount(a), 3u);

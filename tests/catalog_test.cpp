@@ -116,6 +116,12 @@ TEST_F(Ini, SectionsLoadOnceAsTextAndStaleEntriesAreReplaced) {
   EXPECT_EQ(collGetShareCount(again), 1u); EXPECT_EQ(Tags(again), "Count,More");
   EXPECT_EQ(String(again, "Count"), "99"); EXPECT_EQ(Tags(kCatalog), "ORDERS");
   EXPECT_EQ(Item(kCatalog, "orders"), std::to_string(again));
+  // Keys that fill the 10,000-byte key list exactly (each with its zero, and
+  // the list's own zero) all load.
+  std::string keys = "[Many]\n";
+  for (int i = 0; i < 101; ++i) keys += std::to_string(100 + i) + std::string(95, 'k') + "=v\n";
+  SetFile(keys);
+  EXPECT_EQ(collItemCount(collOpenShared("Many")), 101u);
   // No file: an empty collection, and opening never writes.
   std::remove(ini_.path().c_str());
   EXPECT_EQ(collItemCount(collOpenShared("Nothing")), 0u); EXPECT_EQ(File(), "");

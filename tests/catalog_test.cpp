@@ -259,7 +259,7 @@ TEST_F(Ini, ServiceReadsWritesAndRefuses) {
   EXPECT_EQ(Keys("sec", 11), "Key|other|");  // only whole names fit
   EXPECT_EQ(Keys("sec", 10), "Key|"); EXPECT_EQ(Keys("sec", 1), ""); EXPECT_EQ(Keys("absent"), "");
   char buf[4] = "###";
-  EXPECT_EQ(platform::ProfileReadString("S", "alpha", "", buf, 1) + buf[0], 0);
+  EXPECT_EQ(platform::ProfileReadString("S", "alpha", "", buf, 1) + uint32_t(buf[0]), 0u);
   EXPECT_EQ(platform::ProfileReadString("S", "zz", "default", buf, 4), 3u); EXPECT_STREQ(buf, "def");
   for (const auto &[s, k] : {std::pair<const char *, const char *>{"S", "[k"}, {"S", "k\nx"}, {"S\n", "k"}, {"  ", "k"}, {"S", " "}})
     EXPECT_FALSE(platform::ProfileWriteString(s, k, "v")) << s << k;

@@ -1,13 +1,17 @@
 // Advice windows, propagation between collections and transactions.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <string>
+#include <utility>
 
 #include "coll.h"
 #include "coll_host.h"
 #include "platform/platform.h"
 #include "sharing/sharing.h"
 #include "store/store.h"
+#include "tests/consistency.h"
 #include "tests/listener.h"
 #include "tests/test_util.h"
 
@@ -16,550 +20,288 @@ using testutil::Heard;
 using testutil::Item;
 using testutil::Listener;
 using testutil::Set;
+using testutil::Tags;
 
 namespace {
 
-intptr_t Answer(uint32_t, uint32_t message, uintptr_t wParam, intptr_t, void *context) {
-  ++*static_cast<int *>(context);
-  return intptr_t(message + wParam);
-}
+constexpr uint32_t kNone = 0xFFFFFFFFu;
+
+intptr_t Quiet(uint32_t, uint32_t, uintptr_t, intptr_t, void *) { return 0; }
 
 // The tranFlag word of the stored block of tag.
 uint32_t Mark(HCOLL h, const char *tag) {
-  coll::LockGuard lock;
-  uint8_t *img = coll::GetCollPtr(h);
-  uint8_t *block = nullptr;
-  if (!img || !coll::GetItem(img, tag, &block)) return 0xFFFFFFFFu;
-  return coll::rd16(block + coll::ib::tranFlag);
+  coll::LockGuard lock; uint8_t *img = coll::GetCollPtr(h), *block = nullptr;
+  return img && coll::GetItem(img, tag, &block) ? coll::rd16(block + coll::ib::tranFlag) : kNone;
 }
-
+// The chunks and bytes of the queue of tags deleted in a's transaction.
+std::pair<uint32_t, uint32_t> Queue(HCOLL h) {
+  coll::LockGuard lock;
+  return {coll::ps->queueChunks[h - 0x4000], coll::ps->queueLen[h - 0x4000]};
+}
 uint32_t Header32(HCOLL h, uint32_t offset) {
-  coll::LockGuard lock;
-  uint8_t *img = coll::GetCollPtr(h);
-  return img ? coll::rd32(img + offset) : 0xFFFFFFFFu;
+  coll::LockGuard lock; uint8_t *img = coll::GetCollPtr(h);
+  return img ? coll::rd32(img + offset) : kNone;
 }
 
-}  // namespace
-
-// ---------------------------------------------------------------- windows
-
-TEST(WindowStandIn, WindowsAndMessages) {
-  int calls = 0;
-  EXPECT_EQ(collHostCreateWindow(nullptr, nullptr), 0u);
-  uint32_t w = collHostCreateWindow(&Answer, &calls);
-  uint32_t w2 = collHostCreateWindow(&Answer, &calls);
-  ASSERT_NE(w, 0u);
-  EXPECT_NE(w >> 16, 0xFFFFu);
-  EXPECT_NE(w, w2);
-  EXPECT_TRUE(platform::IsWindow(w));
-  EXPECT_EQ(platform::SendMessage(w, 5, 7, 0), 12);
-  EXPECT_EQ(calls, 1);
-  EXPECT_EQ(collHostDestroyWindow(w), 1u);
-  EXPECT_EQ(collHostDestroyWindow(w), 0u);
-  EXPECT_FALSE(platform::IsWindow(w));
-  EXPECT_FALSE(platform::IsWindow(0));
-  EXPECT_EQ(platform::SendMessage(w, 5, 7, 0), 0);
-  EXPECT_EQ(calls, 1);
-  EXPECT_TRUE(platform::IsWindow(w2));
-  collHostDestroyWindow(w2);
-}
-
-TEST(WindowStandIn, RegisteredMessages) {
-  EXPECT_EQ(collHostRegisterMessage(nullptr), 0u);
-  EXPECT_EQ(collHostRegisterMessage(""), 0u);
-  uint32_t advice = collHostRegisterMessage("COLL_ADVICE");
-  EXPECT_GE(advice, 0xC000u);
-  EXPECT_LE(advice, 0xFFFFu);
-  EXPECT_EQ(collHostRegisterMessage("coll_advice"), advice);
-  EXPECT_NE(collHostRegisterMessage("Coll_Advice2"), advice);
-  // The library sends the number registered for its message name.
-  Listener l;
-  HCOLL h = collOpen("c");
-  ASSERT_EQ(collRequestAdvice(h, l.window(), 1), 1u);
-  Set(h, "x", "1");
-  ASSERT_EQ(l.count(), 1u);
-  EXPECT_EQ(l.heard()[0].message, advice);
-}
-
-// ---------------------------------------------------------------- advice
-
-TEST(Advice, TagAreaLayout) {
-  uint8_t *area = coll::MakeTagArea("abcdef", 3);
-  ASSERT_NE(area, nullptr);
-  EXPECT_EQ(std::string(reinterpret_cast<char *>(area), 10), std::string("\x03\x00" "abc\0\0\0\0\0", 10));
-  coll::collFreePtr(area);
-  area = coll::MakeTagArea("ab", 100);  // n stops at the zero
-  ASSERT_NE(area, nullptr);
-  EXPECT_EQ(coll::rd16(area), 2u);
-  coll::collFreePtr(area);
-
-  Listener l;
-  HCOLL h = collOpen("c");
-  collRequestAdvice(h, l.window(), 1);
-  Set(h, "ABC", "1");
-  Del(h, "abc");  // the caller's spelling, not the stored one
-  auto heard = l.heard();
-  ASSERT_EQ(heard.size(), 2u);
-  EXPECT_EQ(heard[0].coll, h);
-  EXPECT_EQ(heard[0].area, std::string("\x03\x00" "ABC\0\0\0\0\0", 10));
-  EXPECT_EQ(heard[1].tag, "abc");
-  EXPECT_EQ(heard[1].n, 3u);
-}
-
-TEST(Advice, CountsAndWithdrawal) {
-  Listener l;
-  HCOLL h = collOpen("c");
-  EXPECT_EQ(collRequestAdvice(h, l.window(), 1), 1u);
-  EXPECT_EQ(collRequestAdvice(h, l.window(), 1), 1u);
-  Set(h, "x", "1");
-  EXPECT_EQ(l.count(), 1u);  // one message per change, whatever the count
-  EXPECT_EQ(collRequestAdvice(h, l.window(), 0), 1u);
-  Set(h, "x", "2");
-  EXPECT_EQ(l.count(), 2u);
-  EXPECT_EQ(collRequestAdvice(h, l.window(), 0), 1u);
-  Set(h, "x", "3");
-  EXPECT_EQ(l.count(), 2u);
-  EXPECT_EQ(collRequestAdvice(h, l.window(), 0), 0u);
-}
-
-TEST(Advice, RequestFailures) {
-  Listener l;
-  HCOLL h = collOpen("c");
-  EXPECT_EQ(collRequestAdvice(h, 0, 0), 1u);  // only asks whether h is a collection
-  EXPECT_EQ(collRequestAdvice(h, 0, 1), 0u);
-  EXPECT_EQ(collRequestAdvice(h, 0x12345678, 1), 0u);
-  EXPECT_EQ(collRequestAdvice(h, l.window(), 0), 0u);
-  EXPECT_EQ(collRequestAdvice(0x40F0, l.window(), 1), 0u);
-  EXPECT_EQ(collRequestAdvice(0, l.window(), 1), 0u);
-  // Withdrawing does not ask whether the window still exists.
-  uint32_t w = collHostCreateWindow([](uint32_t, uint32_t, uintptr_t, intptr_t, void *) -> intptr_t { return 0; },
-                                    nullptr);
-  ASSERT_EQ(collRequestAdvice(h, w, 1), 1u);
-  collHostDestroyWindow(w);
-  EXPECT_EQ(collRequestAdvice(h, w, 0), 1u);
-  collClose(h);
-  EXPECT_EQ(collRequestAdvice(h, 0, 0), 0u);
-  EXPECT_EQ(collRequestAdvice(h, l.window(), 1), 0u);
-}
-
-TEST(Advice, ThirtyTwoWindows) {
-  HCOLL h = collOpen("c");
-  Listener ls[33];
-  for (int i = 0; i < 32; ++i) ASSERT_EQ(collRequestAdvice(h, ls[i].window(), 1), 1u) << i;
-  EXPECT_EQ(collRequestAdvice(h, ls[32].window(), 1), 0u);
-  EXPECT_EQ(collRequestAdvice(h, ls[5].window(), 1), 1u);  // its count rises
-  Set(h, "x", "1");
-  for (int i = 0; i < 32; ++i) EXPECT_EQ(ls[i].count(), 1u) << i;
-  EXPECT_EQ(ls[32].count(), 0u);
-  // Withdrawing the first moves the others up; the freed place takes a new one.
-  EXPECT_EQ(collRequestAdvice(h, ls[0].window(), 0), 1u);
-  EXPECT_EQ(Header32(h, coll::ch::adviceTarget), ls[1].window());
-  EXPECT_EQ(Header32(h, coll::ch::adviceTarget + 4 * 31), 0u);
-  EXPECT_EQ(collRequestAdvice(h, ls[32].window(), 1), 1u);
-  EXPECT_EQ(Header32(h, coll::ch::adviceTarget + 4 * 31), ls[32].window());
-}
-
-TEST(Advice, DeadWindowsDroppedAtNextChange) {
-  HCOLL h = collOpen("c");
-  Listener live;
-  uint32_t dead = collHostCreateWindow([](uint32_t, uint32_t, uintptr_t, intptr_t, void *) -> intptr_t { return 0; },
-                                       nullptr);
-  for (int i = 0; i < 3; ++i) collRequestAdvice(h, dead, 1);
-  collRequestAdvice(h, live.window(), 1);
-  collHostDestroyWindow(dead);
-  Set(h, "x", "1");
-  // All three registrations went in that change, and the entry behind moved up.
-  EXPECT_EQ(live.count(), 1u);
-  EXPECT_EQ(Header32(h, coll::ch::adviceTarget), live.window());
-  EXPECT_EQ(Header32(h, coll::ch::adviceCount), 1u);
-  EXPECT_EQ(collRequestAdvice(h, dead, 0), 0u);
-}
-
-TEST(Advice, WindowChangesTheCollectionWhileTold) {
-  HCOLL a = collOpen("a");
-  HCOLL b = collOpen("b");
-  collRequestPropagate(a, b, 1);
-  Listener l, later;
-  collRequestAdvice(a, l.window(), 1);
-  collRequestAdvice(a, later.window(), 1);
-  l.onMessage = [&](const Heard &h) {
-    if (h.tag == "x") Set(a, "y", "2");
-  };
-  Set(a, "x", "1");
-  // y is a change of its own, told (and propagated) inside the delivery of x.
-  EXPECT_EQ(l.Tags(), "x,y");
-  EXPECT_EQ(later.Tags(), "y,x");
-  EXPECT_EQ(Item(b, "x"), "1");
-  EXPECT_EQ(Item(b, "y"), "2");
-}
-
-TEST(Advice, CollectionClosedWhileTold) {
-  HCOLL a = collOpen("a");
-  HCOLL b = collOpen("b");
-  collRequestPropagate(a, b, 1);
-  Listener closer, later;
-  collRequestAdvice(a, closer.window(), 1);
-  collRequestAdvice(a, later.window(), 1);
-  closer.onMessage = [&](const Heard &) { collClose(a); };
-  Set(a, "x", "1");
-  EXPECT_EQ(closer.count(), 1u);
-  EXPECT_EQ(later.count(), 0u);
-  EXPECT_EQ(Item(b, "x"), "<missing>");
-  // A later collection in the slot has none of its listeners.
-  HCOLL c = collOpen("c");
-  ASSERT_EQ(c, a);
-  Set(c, "x", "1");
-  EXPECT_EQ(closer.count(), 1u);
-  EXPECT_EQ(Item(b, "x"), "<missing>");
-}
-
-// ---------------------------------------------------------------- propagation
-
-TEST(Propagation, CopiesAndDeletes) {
-  HCOLL a = collOpen("a");
-  HCOLL b = collOpen("b");
-  Listener lb;
-  collRequestAdvice(b, lb.window(), 1);
-  ASSERT_EQ(collRequestPropagate(a, b, 1), 1u);
-  Set(a, "x", "value");
-  EXPECT_EQ(Item(b, "x"), "value");
-  Del(a, "x");
-  EXPECT_EQ(Item(b, "x"), "<missing>");
-  auto heard = lb.heard();
-  ASSERT_EQ(heard.size(), 2u);
-  EXPECT_EQ(heard[0].coll, b);
-  EXPECT_EQ(heard[0].tag, "x");
-  // Changes of the target do not flow back.
-  Set(b, "y", "1");
-  EXPECT_EQ(Item(a, "y"), "<missing>");
-}
-
-TEST(Propagation, Chain) {
+// Three collections with a window each; a scenario wires them, makes
+// changes, and is judged by what each window heard and what each holds.
+struct World {
   HCOLL a = collOpen("a"), b = collOpen("b"), c = collOpen("c");
-  collRequestPropagate(a, b, 1);
-  collRequestPropagate(b, c, 1);
-  Listener lc;
-  collRequestAdvice(c, lc.window(), 1);
-  Set(a, "x", "1");
-  EXPECT_EQ(Item(c, "x"), "1");
-  ASSERT_EQ(lc.count(), 1u);
-  EXPECT_EQ(lc.heard()[0].coll, c);
-}
-
-TEST(Propagation, CyclesEnd) {
-  HCOLL a = collOpen("a"), b = collOpen("b"), c = collOpen("c");
-  collRequestPropagate(a, b, 1);
-  collRequestPropagate(b, a, 1);
-  collRequestPropagate(b, c, 1);
-  collRequestPropagate(c, a, 1);
   Listener la, lb, lc;
-  collRequestAdvice(a, la.window(), 1);
-  collRequestAdvice(b, lb.window(), 1);
-  collRequestAdvice(c, lc.window(), 1);
-  Set(a, "x", "1");
-  Del(b, "x");
-  Del(c, "x");  // absent everywhere: a deletion going round
-  EXPECT_EQ(la.Tags(), "x,x,x");
-  EXPECT_EQ(lb.Tags(), "x,x,x");
-  EXPECT_EQ(lc.Tags(), "x,x,x");
-  for (HCOLL h : {a, b, c}) EXPECT_EQ(Item(h, "x"), "<missing>");
-}
-
-TEST(Propagation, CollectionItemAroundACycle) {
-  HCOLL a = collOpen("a"), b = collOpen("b");
-  collRequestPropagate(a, b, 1);
-  collRequestPropagate(b, a, 1);
-  Listener la, lb;
-  collRequestAdvice(a, la.window(), 1);
-  collRequestAdvice(b, lb.window(), 1);
-  uint32_t child;
-  {
-    coll::LockGuard lock;
-    child = coll::InternalCollCreate(a);
-    ASSERT_NE(child, 0u);
-    ASSERT_EQ(coll::SetItem(child, "inner", coll::BuildItem(COLLTYPE_ITEM, "v", 1), 0), 1u);
-    ASSERT_EQ(coll::SetItem(a, "n", coll::BuildItem(COLLTYPE_COLL, &child, 4), 1), 1u);
+  char NameOf(HCOLL h) const { return h == a ? 'a' : h == b ? 'b' : 'c'; }
+  void Listen(const std::string &which) {
+    for (char k : which) collRequestAdvice(k == 'a' ? a : k == 'b' ? b : c, (k == 'a' ? la : k == 'b' ? lb : lc).window(), 1);
   }
-  EXPECT_EQ(la.count(), 1u);
-  EXPECT_EQ(lb.count(), 1u);
-  EXPECT_EQ(collGetType(b, "n"), uint32_t(COLLTYPE_COLL));
-  uint32_t held = 0, copied = 0;
-  {
-    coll::LockGuard lock;
-    uint8_t *block;
-    ASSERT_TRUE(coll::GetItem(coll::GetCollPtr(a), "n", &block));
-    held = coll::rd32(coll::BlockData(block));
-    ASSERT_TRUE(coll::GetItem(coll::GetCollPtr(b), "n", &block));
-    copied = coll::rd32(coll::BlockData(block));
+  // "a:x,y b:x c:"; "x@a" when told about another collection than the
+  // window's own, "d*700" for a tag of 700 d's.
+  std::string Told() const {
+    std::string s;
+    for (const Listener *l : {&la, &lb, &lc}) {
+      const HCOLL home = l == &la ? a : l == &lb ? b : c;
+      s += std::string(s.empty() ? "" : " ") + NameOf(home) + ":";
+      for (const Heard &h : l->heard()) {
+        s += (s.back() == ':' ? "" : ",") + (h.n < 20 ? h.tag : h.tag.substr(0, 1) + "*" + std::to_string(h.n));
+        if (h.coll != home) s += std::string("@") + NameOf(h.coll);
+      }
+    }
+    return s;
   }
-  EXPECT_EQ(held, child);  // the copy did not come back to replace it
-  EXPECT_NE(copied, child);
-  EXPECT_EQ(testutil::ItemArea(copied), testutil::ItemArea(child));
-  EXPECT_EQ(collIsBadCollHandle(child), 0u);
+  // "a[x=1,y=2] b[] c[]".
+  std::string State() const {
+    std::string s;
+    for (HCOLL h : {a, b, c}) {
+      s += std::string(s.empty() ? "" : " ") + NameOf(h) + "[";
+      const std::string tags = Tags(h);
+      for (size_t p = 0; p < tags.size();) {
+        const size_t q = std::min(tags.find(',', p), tags.size());
+        s += (p ? "," : "") + tags.substr(p, q - p) + "=" + Item(h, tags.substr(p, q - p).c_str()); p = q + 1;
+      }
+      s += "]";
+    }
+    return s;
+  }
+};
+
+void P(HCOLL from, HCOLL to) { EXPECT_EQ(collRequestPropagate(from, to, 1), 1u); }
+// a holds a and c and is watched and held in a transaction.
+void Held(World &w) {
+  Set(w.a, "a", "1"); Set(w.a, "c", "1"); w.Listen("a"); collLock(w.a);
 }
+std::string Long(char k, size_t n) { return std::string(n, k); }
 
-TEST(Propagation, DeadAndReusedTargets) {
-  HCOLL a = collOpen("a"), b = collOpen("b"), gone = collOpen("gone");
-  collRequestPropagate(a, gone, 1);
-  collRequestPropagate(a, b, 1);
-  collClose(gone);
-  Set(a, "x", "1");
-  EXPECT_EQ(Item(b, "x"), "1");
-  EXPECT_EQ(Header32(a, coll::ch::propTarget), b);
-  EXPECT_EQ(collRequestPropagate(a, gone, 0), 0u);
+struct Scenario {
+  const char *name, *listen;
+  void (*steps)(World &);
+  const char *told, *state;  // state null: not compared
+};
 
-  collRequestPropagate(a, gone = collOpen("gone"), 1);
-  collClose(gone);
-  HCOLL reuse = collOpen("reuse");
-  ASSERT_EQ(reuse, gone);
-  Listener l;
-  collRequestAdvice(reuse, l.window(), 1);
-  Set(a, "y", "1");
-  EXPECT_EQ(Item(reuse, "y"), "<missing>");
-  EXPECT_EQ(l.count(), 0u);
-  EXPECT_EQ(collRequestPropagate(a, reuse, 0), 0u);
-  EXPECT_EQ(Item(b, "y"), "1");
-}
+const Scenario kScenarios[] = {
+    // ---- propagation
+    {"copies and deletes, never back", "ab", [](World &w) { P(w.a, w.b); Set(w.a, "x", "v"); Del(w.a, "x"); Set(w.b, "y", "1"); },
+     "a:x,x b:x,x,y c:", "a[] b[y=1] c[]"},
+    {"chain", "c", [](World &w) { P(w.a, w.b); P(w.b, w.c); Set(w.a, "x", "1"); }, "a: b: c:x", "a[x=1] b[x=1] c[x=1]"},
+    {"cycles end, deletions of absent tags too", "abc",
+     [](World &w) { P(w.a, w.b); P(w.b, w.a); P(w.b, w.c); P(w.c, w.a); Set(w.a, "x", "1"); Del(w.b, "x"); Del(w.c, "x"); },
+     "a:x,x,x b:x,x,x c:x,x,x", "a[] b[] c[]"},
+    {"the same target twice", "b",
+     [](World &w) {
+       P(w.a, w.b); P(w.a, w.b);
+       Set(w.a, "x", "1");  // copied once
+       EXPECT_EQ(collRequestPropagate(w.a, w.b, 0), 1u); Set(w.a, "x", "2");
+       EXPECT_EQ(collRequestPropagate(w.a, w.b, 0), 1u); EXPECT_EQ(collRequestPropagate(w.a, w.b, 0), 0u);
+       Set(w.a, "x", "3");
+     },
+     "a: b:x,x c:", "a[x=3] b[x=2] c[]"},
+    {"closed and reused targets are dropped", "",
+     [](World &w) {
+       HCOLL gone = collOpen("gone");
+       P(w.a, gone); P(w.a, w.b); collClose(gone); Set(w.a, "x", "1");
+       EXPECT_EQ(Header32(w.a, coll::ch::propTarget), w.b); EXPECT_EQ(collRequestPropagate(w.a, gone, 0), 0u);
+       P(w.a, gone = collOpen("gone")); collClose(gone); EXPECT_EQ(collOpen("reuse"), gone);
+       collRequestAdvice(gone, w.lc.window(), 1); Set(w.a, "y", "1"); EXPECT_EQ(collRequestPropagate(w.a, gone, 0), 0u);
+       EXPECT_EQ(Item(gone, "y"), "<missing>");
+     },
+     "a: b: c:", "a[x=1,y=1] b[x=1,y=1] c[]"},
+    // ---- windows that change or close the collection while told
+    {"a window's change is a change of its own", "ab",
+     [](World &w) {
+       P(w.a, w.c); collRequestAdvice(w.a, w.lb.window(), 1);
+       w.la.onMessage = [&w](const Heard &h) { if (h.tag == "x") Set(w.a, "y", "2"); }; Set(w.a, "x", "1");
+     },
+     "a:x,y b:y@a,x@a c:", "a[x=1,y=2] b[] c[y=2,x=1]"},
+    {"a window's change starts its own chain", "b",
+     [](World &w) {
+       P(w.a, w.b); P(w.b, w.a); w.lb.onMessage = [&w](const Heard &h) { if (h.tag == "x") Set(w.b, "z", "9"); };
+       Set(w.a, "x", "1");
+     },
+     "a: b:x,z c:", "a[x=1,z=9] b[x=1,z=9] c[]"},
+    {"closed while told", "a",
+     [](World &w) {
+       P(w.a, w.b); collRequestAdvice(w.a, w.lc.window(), 1); w.la.onMessage = [&w](const Heard &) { collClose(w.a); };
+       Set(w.a, "x", "1");
+       EXPECT_EQ(collOpen("again"), w.a);  // has none of the old listeners
+       Set(w.a, "x", "1");
+     },
+     "a:x b: c:", "a[x=1] b[] c[]"},
+    // ---- transactions: told at unlock, deleted tags first, then marks in item order
+    {"order at unlock", "",
+     [](World &w) {
+       Set(w.a, "p", "1"); Set(w.a, "r", "1"); Held(w); P(w.a, w.b); Set(w.a, "n", "1"); Del(w.a, "c");
+       Set(w.a, "r", "2");  // same length: in place, keeps its position
+       Set(w.a, "m", "1");
+       Del(w.a, "q");  // absent: never told
+       EXPECT_EQ(Mark(w.a, "n"), 1u);  // stored at once, marked, told later
+       EXPECT_EQ(w.la.count(), 0u); EXPECT_EQ(Item(w.b, "n"), "<missing>"); EXPECT_EQ(collUnlock(w.a), 1u);
+       EXPECT_EQ(Mark(w.a, "n"), 0u); EXPECT_EQ(Mark(w.b, "n"), 0u);
+       EXPECT_EQ(collUnlock(w.a), 1u);  // no transaction: nothing to tell
+     },
+     "a:c,r,n,m b: c:", "a[p=1,r=2,a=1,n=1,m=1] b[r=2,n=1,m=1] c[]"},
+    {"same value", "", [](World &w) { Held(w); Set(w.a, "a", "1"); Set(w.a, "a", "1"); collUnlock(w.a); }, "a:a b: c:", nullptr},
+    {"delete, store, delete", "", [](World &w) { Held(w); Del(w.a, "c"); Set(w.a, "c", "1"); Del(w.a, "c"); collUnlock(w.a); },
+     "a:c,c b: c:", nullptr},
+    {"delete, store", "", [](World &w) { Held(w); Del(w.a, "c"); Set(w.a, "c", "1"); collUnlock(w.a); }, "a:c,c b: c:", nullptr},
+    {"delete, store, other length", "",
+     [](World &w) { Held(w); Del(w.a, "c"); Set(w.a, "c", "1"); Set(w.a, "c", "22"); collUnlock(w.a); }, "a:c b: c:", nullptr},
+    {"stored spelling", "", [](World &w) { Held(w); Set(w.a, "Abc", "1"); Set(w.a, "aBC", "1"); collUnlock(w.a); }, "a:aBC b: c:",
+     nullptr},
+    {"delete twice", "", [](World &w) { Held(w); Del(w.a, "C"); Del(w.a, "c"); collUnlock(w.a); }, "a:C b: c:", nullptr},
+    {"long tags told whole", "",
+     [](World &w) {
+       for (const std::string &t : {Long('d', 1023), Long('e', 700), Long('f', 700)}) Set(w.a, t.c_str(), "1");
+       Held(w);
+       // Deleted tags queue with their zeros, in whole chunks of 1023 bytes.
+       Del(w.a, Long('d', 1023).c_str());
+       EXPECT_EQ(Queue(w.a), std::make_pair(2u, 1024u));
+       for (const std::string &t : {Long('e', 700), Long('f', 700)}) Del(w.a, t.c_str());
+       EXPECT_EQ(Queue(w.a), std::make_pair(3u, 2426u));
+       Set(w.a, Long('m', 300).c_str(), "1");
+       collUnlock(w.a);
+     },
+     "a:d*1023,e*700,f*700,m*300 b: c:", nullptr},
+    {"a repeated lock ends at the first unlock", "a",
+     [](World &w) {
+       EXPECT_EQ(collLock(w.a), 1u); EXPECT_EQ(collLock(w.a), 1u); Set(w.a, "x", "1"); EXPECT_EQ(collUnlock(w.a), 1u);
+       EXPECT_EQ(Header32(w.a, coll::ch::lockThread), 0u); Set(w.a, "y", "1");
+     },
+     "a:x,y b: c:", "a[x=1,y=1] b[] c[]"},
+    {"propagation into a held target waits for its unlock", "a",
+     [](World &w) {
+       P(w.a, w.b); P(w.b, w.c); P(w.c, w.a); collLock(w.b); Set(w.a, "x", "1"); EXPECT_EQ(Mark(w.b, "x"), 1u);
+       EXPECT_EQ(Item(w.c, "x"), "<missing>");
+       collUnlock(w.b);  // a new change from b: it reaches c, and a unchanged
+     },
+     "a:x b: c:", "a[x=1] b[x=1] c[x=1]"},
+    {"a window's change during unlock is told at once", "a",
+     [](World &w) {
+       w.la.onMessage = [&w](const Heard &m) { if (m.tag == "x") Set(w.a, "z", "1"); }; collLock(w.a);
+       Set(w.a, "x", "1"); Set(w.a, "y", "1"); collUnlock(w.a); EXPECT_EQ(Mark(w.a, "z"), 0u);
+     },
+     "a:x,z,y b: c:", "a[x=1,y=1,z=1] b[] c[]"},
+    {"the queue goes with the collection", "",
+     [](World &w) {
+       Held(w); Del(w.a, "c"); collClose(w.a); EXPECT_EQ(collOpen("next"), w.a); w.Listen("a"); collLock(w.a);
+       collUnlock(w.a);
+     },
+     "a: b: c:", "a[] b[] c[]"},
+};
 
-TEST(Propagation, SameTargetTwice) {
-  HCOLL a = collOpen("a"), b = collOpen("b");
-  EXPECT_EQ(collRequestPropagate(a, b, 1), 1u);
-  EXPECT_EQ(collRequestPropagate(a, b, 1), 1u);
-  Listener lb;
-  collRequestAdvice(b, lb.window(), 1);
-  Set(a, "x", "1");
-  EXPECT_EQ(Item(b, "x"), "1");
-  EXPECT_EQ(lb.count(), 1u);
-  EXPECT_EQ(collRequestPropagate(a, b, 0), 1u);
-  Set(a, "x", "2");
-  EXPECT_EQ(Item(b, "x"), "2");
-  EXPECT_EQ(collRequestPropagate(a, b, 0), 1u);
-  EXPECT_EQ(collRequestPropagate(a, b, 0), 0u);
-  Set(a, "x", "3");
-  EXPECT_EQ(Item(b, "x"), "2");
-}
-
-TEST(Propagation, RequestFailuresAndLimit) {
-  HCOLL a = collOpen("a"), b = collOpen("b");
-  EXPECT_EQ(collRequestPropagate(a, 0, 1), 0u);
-  EXPECT_EQ(collRequestPropagate(a, 0, 0), 0u);
-  EXPECT_EQ(collRequestPropagate(a, a, 1), 0u);
-  EXPECT_EQ(collRequestPropagate(a, 0x40F0, 1), 0u);
-  EXPECT_EQ(collRequestPropagate(0x40F0, b, 1), 0u);
-  EXPECT_EQ(collRequestPropagate(a, b, 0), 0u);
-  for (int i = 0; i < 32; ++i) ASSERT_EQ(collRequestPropagate(a, b, 1), 1u) << i;
-  EXPECT_EQ(collRequestPropagate(a, b, 1), 0u);
-  // Withdrawing needs no live target.
-  collClose(b);
-  EXPECT_EQ(collRequestPropagate(a, b, 0), 1u);
-  EXPECT_EQ(Header32(a, coll::ch::propTarget + 4 * 31), 0u);
-  EXPECT_EQ(Header32(a, coll::ch::propTarget + 4 * 30), b);
-}
-
-TEST(Propagation, WindowChangeStartsItsOwnChain) {
-  HCOLL a = collOpen("a"), b = collOpen("b");
-  collRequestPropagate(a, b, 1);
-  collRequestPropagate(b, a, 1);
-  Listener lb;
-  collRequestAdvice(b, lb.window(), 1);
-  lb.onMessage = [&](const Heard &h) {
-    if (h.tag == "x") Set(b, "z", "9");
-  };
-  Set(a, "x", "1");
-  // The change of x had reached a already; z is a new change and reaches it.
-  EXPECT_EQ(Item(a, "z"), "9");
-  EXPECT_EQ(lb.Tags(), "x,z");
-}
-
-// ---------------------------------------------------------------- transactions
-
-TEST(Transaction, OrderAtUnlock) {
-  HCOLL h = collOpen("c");
-  Set(h, "p", "1");
-  Set(h, "r", "1");
-  Set(h, "c", "1");
-  Listener l;
-  collRequestAdvice(h, l.window(), 1);
-  ASSERT_EQ(collLock(h), 1u);
-  Set(h, "a", "1");  // new
-  Del(h, "c");       // deleted: queued
-  Set(h, "r", "2");  // same length: in place, keeps its position
-  Set(h, "b", "1");  // new
-  Del(h, "q");       // absent: never told
-  EXPECT_EQ(l.count(), 0u);
-  EXPECT_EQ(Item(h, "a"), "1");  // stored at once
-  ASSERT_EQ(collUnlock(h), 1u);
-  EXPECT_EQ(l.Tags(), "c,r,a,b");
-  EXPECT_EQ(Mark(h, "r"), 0u);
-  EXPECT_EQ(Mark(h, "p"), 0u);
-  l.Clear();
-  EXPECT_EQ(collUnlock(h), 1u);  // no transaction: nothing to tell
-  EXPECT_EQ(l.count(), 0u);
-}
-
-TEST(Transaction, MarksAndQueueCases) {
-  struct Case {
-    const char *name;
-    void (*steps)(HCOLL);
-    const char *told;
-  };
-  const Case cases[] = {
-      {"same value", [](HCOLL h) { Set(h, "a", "1"); Set(h, "a", "1"); }, "a"},
-      {"delete, store, delete", [](HCOLL h) { Del(h, "c"); Set(h, "c", "1"); Del(h, "c"); }, "c,c"},
-      {"delete, store", [](HCOLL h) { Del(h, "c"); Set(h, "c", "1"); }, "c,c"},
-      {"delete, store, other length", [](HCOLL h) { Del(h, "c"); Set(h, "c", "1"); Set(h, "c", "22"); }, "c"},
-      {"other length", [](HCOLL h) { Set(h, "c", "22"); }, "c"},
-      {"stored spelling", [](HCOLL h) { Set(h, "Abc", "1"); Set(h, "aBC", "1"); }, "aBC"},
-      {"delete twice", [](HCOLL h) { Del(h, "C"); Del(h, "c"); }, "C"},
-  };
-  for (const Case &k : cases) {
-    HCOLL h = collOpen("c");
-    Set(h, "a", "1");
-    Set(h, "c", "1");
-    Listener l;
-    collRequestAdvice(h, l.window(), 1);
-    collLock(h);
-    k.steps(h);
-    EXPECT_EQ(l.count(), 0u) << k.name;
-    collUnlock(h);
-    EXPECT_EQ(l.Tags(), k.told) << k.name;
-    collClose(h);
+TEST(Notify, Scenarios) {
+  for (const Scenario &s : kScenarios) {
+    SCOPED_TRACE(s.name); World w; w.Listen(s.listen); s.steps(w); EXPECT_EQ(w.Told(), s.told);
+    if (s.state) {
+      EXPECT_EQ(w.State(), s.state);
+    }
+    for (HCOLL h : {w.a, w.b, w.c}) collClose(h);
   }
 }
 
-TEST(Transaction, RepeatedLockAndBadHandles) {
-  HCOLL h = collOpen("c");
-  Listener l;
-  collRequestAdvice(h, l.window(), 1);
-  EXPECT_EQ(collLock(h), 1u);
-  EXPECT_EQ(collLock(h), 1u);
-  Set(h, "x", "1");
-  EXPECT_EQ(collUnlock(h), 1u);  // the first unlock ends it
-  EXPECT_EQ(Header32(h, coll::ch::lockThread), 0u);
-  Set(h, "y", "1");
-  EXPECT_EQ(l.Tags(), "x,y");
-  EXPECT_EQ(collLock(0x40F0), 0u);
-  EXPECT_EQ(collUnlock(0x40F0), 0u);
+TEST(Notify, RequestResultsAndLimits) {
+  HCOLL h = collOpen("c"), b = collOpen("b");
+  Listener l, ls[33];
+  const uint32_t gone = collHostCreateWindow(&Quiet, nullptr);
+  EXPECT_EQ(collRequestAdvice(h, gone, 1), 1u);
+  EXPECT_EQ(collRequestAdvice(h, gone, 1), 1u);  // its count rises
+  collHostDestroyWindow(gone);
+  const uint32_t results[][2] = {
+      {collRequestAdvice(h, 0, 0), 1},  // only asks whether h is a collection
+      {collRequestAdvice(h, 0, 1), 0},         {collRequestAdvice(h, 0x12345678, 1), 0},
+      {collRequestAdvice(h, l.window(), 0), 0}, {collRequestAdvice(0x40F0, l.window(), 1), 0},
+      {collRequestAdvice(0, l.window(), 1), 0}, {collRequestPropagate(h, 0, 1), 0},
+      {collRequestPropagate(h, 0, 0), 0},       {collRequestPropagate(h, h, 1), 0},
+      {collRequestPropagate(h, 0x40F0, 1), 0},  {collRequestPropagate(0x40F0, b, 1), 0},
+      {collRequestPropagate(h, b, 0), 0},       {collLock(0x40F0), 0},
+      {collUnlock(0x40F0), 0}};
+  for (size_t i = 0; i < std::size(results); ++i) EXPECT_EQ(results[i][0], results[i][1]) << i;
+  // 32 windows; a dead one goes at the next change with all its counts.
+  for (int i = 0; i < 31; ++i) ASSERT_EQ(collRequestAdvice(h, ls[i].window(), 1), 1u) << i;
+  EXPECT_EQ(collRequestAdvice(h, ls[31].window(), 1), 0u); EXPECT_EQ(collRequestAdvice(h, ls[0].window(), 1), 1u);
+  Set(h, "x", "1"); EXPECT_EQ(Header32(h, coll::ch::adviceTarget), ls[0].window());
+  EXPECT_EQ(Header32(h, coll::ch::adviceCount), 2u); EXPECT_EQ(collRequestAdvice(h, gone, 0), 0u);
+  EXPECT_EQ(collRequestAdvice(h, ls[31].window(), 1), 1u); EXPECT_EQ(collRequestAdvice(h, ls[32].window(), 1), 0u);
+  // Withdrawing counts down; the last withdrawal moves the others up.
+  EXPECT_EQ(collRequestAdvice(h, ls[0].window(), 0), 1u);
+  Set(h, "x", "2");  // one message per change, whatever the count
+  EXPECT_EQ(collRequestAdvice(h, ls[0].window(), 0), 1u); Set(h, "x", "3"); EXPECT_EQ(ls[0].count(), 2u);
+  EXPECT_EQ(ls[1].count(), 3u); EXPECT_EQ(Header32(h, coll::ch::adviceTarget), ls[1].window());
+  EXPECT_EQ(Header32(h, coll::ch::adviceTarget + 4 * 31), 0u); EXPECT_EQ(collRequestAdvice(h, ls[32].window(), 1), 1u);
+  EXPECT_EQ(Header32(h, coll::ch::adviceTarget + 4 * 31), ls[32].window());
+  // 32 propagation targets; withdrawing needs no live target.
+  for (int i = 0; i < 32; ++i) ASSERT_EQ(collRequestPropagate(h, b, 1), 1u) << i;
+  EXPECT_EQ(collRequestPropagate(h, b, 1), 0u); collClose(b); EXPECT_EQ(collRequestPropagate(h, b, 0), 1u);
+  EXPECT_EQ(Header32(h, coll::ch::propTarget + 4 * 31), 0u); EXPECT_EQ(Header32(h, coll::ch::propTarget + 4 * 30), b);
   collClose(h);
-  EXPECT_EQ(collLock(h), 0u);
-  EXPECT_EQ(collUnlock(h), 0u);
+  for (uint32_t r : {collRequestAdvice(h, 0, 0), collRequestAdvice(h, l.window(), 1), collLock(h), collUnlock(h)})
+    EXPECT_EQ(r, 0u);
   EXPECT_NE(collOpen("later"), 0u);  // the lock was not left held
 }
 
-TEST(Transaction, PropagatesAtUnlockWithoutMarks) {
-  HCOLL a = collOpen("a"), b = collOpen("b");
-  collRequestPropagate(a, b, 1);
-  collLock(a);
-  Set(a, "x", "1");
-  EXPECT_EQ(Mark(a, "x"), 1u);
-  EXPECT_EQ(Item(b, "x"), "<missing>");
-  collUnlock(a);
-  EXPECT_EQ(Item(b, "x"), "1");
-  EXPECT_EQ(Mark(a, "x"), 0u);
-  EXPECT_EQ(Mark(b, "x"), 0u);
-}
-
-TEST(Transaction, PropagationIntoAHeldTargetWaitsForItsUnlock) {
-  HCOLL a = collOpen("a"), b = collOpen("b"), c = collOpen("c");
-  collRequestPropagate(a, b, 1);
-  collRequestPropagate(b, c, 1);
-  collRequestPropagate(c, a, 1);
-  Listener la;
-  collRequestAdvice(a, la.window(), 1);
-  collLock(b);
-  Set(a, "x", "1");
-  EXPECT_EQ(Item(b, "x"), "1");  // stored, marked, not passed on yet
-  EXPECT_EQ(Mark(b, "x"), 1u);
-  EXPECT_EQ(Item(c, "x"), "<missing>");
-  collUnlock(b);
-  // A new change from b: it reaches c, and a, where the value is unchanged.
-  EXPECT_EQ(Item(c, "x"), "1");
-  EXPECT_EQ(la.Tags(), "x");
-}
-
-TEST(Transaction, LongTagsAreToldWhole) {
+// The advice message: the number registered for its name, wParam the
+// collection, lParam the tag area (length word, the caller's spelling, a
+// zero, four zero bytes).
+TEST(Notify, TheAdviceMessage) {
+  uint8_t *area = coll::MakeTagArea("ab", 100);  // the length stops at the zero
+  EXPECT_EQ(coll::rd16(area), 2u); coll::collFreePtr(area); Listener l;
   HCOLL h = collOpen("c");
-  Listener l;
-  collRequestAdvice(h, l.window(), 1);
-  std::string marked(300, 'm');
-  std::string deleted[3] = {std::string(2000, 'd'), std::string(700, 'e'), std::string(700, 'f')};
-  for (auto &t : deleted) Set(h, t.c_str(), "1");
-  l.Clear();
-  collLock(h);
-  for (auto &t : deleted) Del(h, t.c_str());
-  Set(h, marked.c_str(), "1");
-  collUnlock(h);
-  auto heard = l.heard();
-  ASSERT_EQ(heard.size(), 4u);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(heard[i].tag, deleted[i]);
-  EXPECT_EQ(heard[3].tag, marked);
-  EXPECT_EQ(heard[3].n, 300u);
+  collRequestAdvice(h, l.window(), 1); Set(h, "ABC", "1"); Del(h, "abc");
+  const auto heard = l.heard();
+  ASSERT_EQ(heard.size(), 2u); EXPECT_EQ(heard[0].message, collHostRegisterMessage("COLL_ADVICE"));
+  EXPECT_EQ(heard[0].coll, h);
+  EXPECT_EQ(heard[0].area + heard[1].area, std::string("\x03\x00" "ABC\0\0\0\0\0" "\x03\x00" "abc\0\0\0\0\0", 20));
 }
 
-TEST(Transaction, QueueGoesWithTheCollection) {
-  HCOLL h = collOpen("c");
-  Set(h, "c", "1");
-  collLock(h);
-  Del(h, "c");
-  collClose(h);
-  HCOLL next = collOpen("next");
-  ASSERT_EQ(next, h);
-  Listener l;
-  collRequestAdvice(next, l.window(), 1);
-  collLock(next);
-  collUnlock(next);
-  EXPECT_EQ(l.count(), 0u);
+TEST(Notify, CollectionItemAroundACycle) {
+  World w; w.Listen("ab"); P(w.a, w.b); P(w.b, w.a);
+  uint32_t child, held, copied;
+  {
+    coll::LockGuard lock; child = coll::InternalCollCreate(w.a);
+    ASSERT_EQ(coll::SetItem(child, "inner", coll::BuildItem(COLLTYPE_ITEM, "v", 1), 0), 1u);
+    ASSERT_EQ(coll::SetItem(w.a, "n", coll::BuildItem(COLLTYPE_COLL, &child, 4), 1), 1u); uint8_t *block;
+    ASSERT_TRUE(coll::GetItem(coll::GetCollPtr(w.b), "n", &block)); copied = coll::rd32(coll::BlockData(block));
+    ASSERT_TRUE(coll::GetItem(coll::GetCollPtr(w.a), "n", &block)); held = coll::rd32(coll::BlockData(block));
+  }
+  EXPECT_EQ(w.Told(), "a:n b:n c:");
+  EXPECT_EQ(held, child);  // the copy did not come back to replace it
+  EXPECT_NE(copied, child); EXPECT_EQ(testutil::ItemArea(copied), testutil::ItemArea(child));
+  EXPECT_EQ(testutil::CheckState(), "");
 }
 
-TEST(Transaction, WindowChangesDuringUnlock) {
-  HCOLL h = collOpen("c");
-  Listener l;
-  collRequestAdvice(h, l.window(), 1);
-  l.onMessage = [&](const Heard &m) {
-    if (m.tag == "a") Set(h, "z", "1");
-  };
-  collLock(h);
-  Set(h, "a", "1");
-  Set(h, "b", "1");
-  collUnlock(h);
-  // The transaction ended before the telling: z is told at once.
-  EXPECT_EQ(l.Tags(), "a,z,b");
-  EXPECT_EQ(Mark(h, "z"), 0u);
-}
-
-TEST(Transaction, AllocationFailures) {
+TEST(Notify, AllocationFailures) {
   collIsBadCollHandle(0);
   const std::string longTag(300, 'L');
   for (uint32_t n = 1;; ++n) {
-    HCOLL a = collOpen("a"), b = collOpen("b");
-    collRequestPropagate(a, b, 1);
-    Listener la, lb;
-    collRequestAdvice(a, la.window(), 1);
-    collRequestAdvice(b, lb.window(), 1);
-    Set(a, "c", "1");
-    la.Clear();
-    lb.Clear();
-
-    platform::FailAllocation(n);
-    collLock(a);
-    Set(a, "x", "1");
-    Del(a, "c");
-    Set(a, longTag.c_str(), "1");
-    EXPECT_EQ(collUnlock(a), 1u);
-    uint32_t made = platform::FailAllocation(0);
-
+    World w; w.Listen("ab"); P(w.a, w.b); Set(w.a, "c", "1"); w.la.Clear(); w.lb.Clear(); platform::FailAllocation(n);
+    collLock(w.a); Set(w.a, "x", "1"); Del(w.a, "c"); Set(w.a, longTag.c_str(), "1"); EXPECT_EQ(collUnlock(w.a), 1u);
+    const uint32_t made = platform::FailAllocation(0);
     // What was told to b's window arrived in b; a window hears nothing twice.
-    for (const Heard &m : lb.heard()) EXPECT_EQ(Item(b, m.tag.c_str()), Item(a, m.tag.c_str())) << n;
-    EXPECT_LE(la.count(), 3u);
+    for (const Heard &m : w.lb.heard()) EXPECT_EQ(Item(w.b, m.tag.c_str()), Item(w.a, m.tag.c_str())) << n;
+    EXPECT_LE(w.la.count(), 3u);
     // Marks that could not be told then are told by the next unlock.
-    collUnlock(a);
-    EXPECT_NE(Mark(a, "x"), 1u) << n;
-    EXPECT_NE(Mark(a, longTag.c_str()), 1u) << n;
-    EXPECT_EQ(testutil::CheckImage(a), "");
-    EXPECT_EQ(testutil::CheckImage(b), "");
-    collClose(a);
-    collClose(b);
+    collUnlock(w.a); EXPECT_NE(Mark(w.a, "x"), 1u) << n; EXPECT_NE(Mark(w.a, longTag.c_str()), 1u) << n;
+    EXPECT_EQ(testutil::CheckState(), "") << n;
+    for (HCOLL h : {w.a, w.b, w.c}) collClose(h);
     if (made < n) break;
     ASSERT_LT(n, 1000u);
   }
 }
+
+}  // namespace

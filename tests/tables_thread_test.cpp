@@ -1,62 +1,82 @@
-// Several threads taking copies of one table and of one table item, and
-// changing their copies at once: every copy sees only its own changes, the
-// shared source never changes, and the last release frees every block.
+// Tables and the clipboard used by several threads at once: copies of one
+// table and of one table item change independently while the source never
+// changes, and exporting, importing and host threads share the clipboard.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "coll.h"
+#include "coll_host.h"
 #include "store/store.h"
 #include "tables/table.h"
+#include "tests/table_util.h"
+
+using testutil::Field;
 
 namespace {
 
-constexpr int kThreads = 4;
-constexpr int kRounds = 400;
-
-std::string Field(HTABLE t, int32_t row, uint32_t column) {
-  char buf[64];
-  return tableGetItem(t, row, column, buf, sizeof buf) ? std::string(buf) : "<none>";
-}
-
 TEST(TableThreads, CopiesChangeIndependently) {
-  HTABLE source = tableCreate(2, 0);
-  ASSERT_EQ(tableSetRow(source, uint32_t(ROW_NAMES), "k\0v", 4), 1u);
-  for (int r = 0; r < 20; ++r) ASSERT_EQ(tableSetRow(source, uint32_t(ROW_APPEND), "key\0value", 10), 1u);
+  HTABLE source = testutil::MakeGrid("k|v");
+  for (int r = 0; r < 20; ++r) ASSERT_EQ(testutil::SetRow(source, ROW_APPEND, "key|value"), 1u);
   HCOLL common = collOpen("common");
   ASSERT_EQ(collSetTable(common, "t", source), 1u);
   std::atomic<int> failures{0};
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < 4; ++t)
     threads.emplace_back([t, source, common, &failures] {
       const std::string mine = "thread" + std::to_string(t);
-      for (int i = 0; i < kRounds; ++i) {
+      for (int i = 0; i < 400; ++i) {
         HTABLE copy = (i % 2) ? tableCopy(source, 0) : collGetTable(common, "t");
-        if (!copy) {
-          ++failures;
-          continue;
-        }
-        uint32_t row = uint32_t(i % 20);
-        if (tableSetItem(copy, int32_t(row), 1, mine.c_str()) != 1 || tableAddRow(copy, row) != 1) ++failures;
-        if (Field(copy, int32_t(row + 1), 1) != mine || tableRowCount(copy) != 21) ++failures;
-        if (tableCompare(copy, source, 0, 0) != row) ++failures;
-        if (Field(source, int32_t(row), 1) != "value") ++failures;
-        if (collTableFindField(common, "t", mine.c_str(), 0xFFFFFFFFu, 0, 1) != 0xFFFFFFFFu) ++failures;
-        collTableSetSelection(common, "t", row);
-        tableDestroy(copy);
+        const uint32_t row = uint32_t(i % 20);
+        failures += tableSetItem(copy, int32_t(row), 1, mine.c_str()) != 1 || tableAddRow(copy, row) != 1;
+        failures += Field(copy, int32_t(row + 1), 1) != mine || tableRowCount(copy) != 21;
+        failures += tableCompare(copy, source, 0, 0) != row || Field(source, int32_t(row), 1) != "value";
+        failures += collTableFindField(common, "t", mine.c_str(), 0xFFFFFFFFu, 0, 1) != 0xFFFFFFFFu;
+        collTableSetSelection(common, "t", row); tableDestroy(copy);
       }
     });
-  }
   for (auto &th : threads) th.join();
-  EXPECT_EQ(failures.load(), 0);
-  EXPECT_EQ(tableRowCount(source), 20u);
-  collClose(common);
-  tableDestroy(source);
+  EXPECT_EQ(failures.load(), 0); EXPECT_EQ(tableRowCount(source), 20u); collClose(common); tableDestroy(source);
   coll::LockGuard lock;
   for (uint32_t i = 0; i < coll::kSlots; ++i) EXPECT_EQ(coll::ps->tableData[i].data, nullptr);
+}
+
+TEST(ClipboardThreads, ExportImportAndHostShareTheClipboard) {
+  HTABLE t = testutil::MakeGrid("A|B/1|2");
+  ASSERT_EQ(tableSetSelection(t, 0), 1u); constexpr int kRounds = 2000;
+  std::atomic<int> bad{0};
+  std::vector<std::thread> threads;
+  for (int w = 0; w < 2; ++w)
+    threads.emplace_back([&, w] {
+      for (int i = 0; i < kRounds; ++i) bad += tableDataToClipboard(t, uint32_t(w + i) % 5) > 1;
+    });
+  threads.emplace_back([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      // Only texts with a CR give a table: a names line, maybe a row.
+      if (HTABLE back = tableDataFromClipboard(0)) {
+        bad += tableColCount(back) != 2 || tableRowCount(back) > 1; tableDestroy(back);
+      }
+    }
+  });
+  threads.emplace_back([&] {
+    const std::string valid[] = {"A\tB", "1\t2", "A\tB\r\n1\t2", "A\tB\r\n1\t2\r", "host", ""};
+    for (int i = 0; i < kRounds; ++i) {
+      if (collHostOpenClipboard(9)) collHostCloseClipboard();
+      collHostSetClipboardText(i % 2 ? "host" : nullptr);
+      char buf[64] = {};
+      collHostGetClipboardText(buf, sizeof buf);
+      bad += std::find(std::begin(valid), std::end(valid), std::string(buf)) == std::end(valid);
+    }
+  });
+  for (auto &th : threads) th.join();
+  EXPECT_EQ(bad.load(), 0);
+  // Nobody keeps the clipboard open.
+  EXPECT_EQ(collHostOpenClipboard(9), 1u); EXPECT_EQ(collHostCloseClipboard(), 1u);
 }
 
 }  // namespace

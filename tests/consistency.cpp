@@ -1,5 +1,10 @@
 #include "tests/consistency.h"
 
+#include <algorithm>
+#include <cstdio>
+#include <set>
+#include <sstream>
+
 #include "frame/frame.h"
 #include "store/store.h"
 #include "tables/table.h"
@@ -11,14 +16,20 @@ namespace {
 using namespace coll;
 
 std::string Hex(uint32_t v) {
-  static const char digits[] = "0123456789ABCDEF";
-  std::string s = "0x";
-  for (int shift = 12; shift >= 0; shift -= 4) s += digits[(v >> shift) & 0xF];
+  char s[8];
+  std::snprintf(s, sizeof s, "0x%04X", v & 0xFFFF);
   return s;
 }
+// Joins the parts of a fault description.
+template <class... Parts>
+std::string Fault(const Parts &...parts) {
+  std::ostringstream out;
+  (out << ... << parts);
+  return out.str();
+}
 
-// Checks one collection image; counts into namedBy the items that name each
-// nested collection and table slot.
+// Checks one collection image; counts into collNamed and tableNamed the
+// items that name each nested collection and table slot.
 std::string CheckCollection(uint32_t h, uint8_t *img, uint32_t *collNamed, uint32_t *tableNamed) {
   const std::string where = "collection " + Hex(h) + ": ";
   if (rd16(img + ch::magic) != COLL_MAGIC) return where + "bad magic";
@@ -26,47 +37,32 @@ std::string CheckCollection(uint32_t h, uint8_t *img, uint32_t *collNamed, uint3
   if (CollPages(img) > COLL_MAX_PAGES) return where + "too many pages";
   if (CollPages(img) < CollPagesFor(COLL_HEADER_SIZE + dl)) return where + "data past the pages";
   uint32_t p = 0, count = 0;
-  while (p < dl) {
-    ItemCursor cur;
-    if (!ItemAt(img, p, &cur)) return where + "item runs past the data at " + std::to_string(p);
-    if (cur.t == 0) return where + "empty tag at " + std::to_string(p);
-    if (cur.b < ITEM_BLOCK_HEAD || BlockLength(cur.block) != cur.b)
-      return where + "block length mismatch at " + std::to_string(p);
+  std::set<uint32_t> tags;  // offsets of the tags, for the cache
+  ItemCursor cur;
+  for (; p < dl; p = NextItemOffset(cur), ++count) {
+    if (!ItemAt(img, p, &cur)) return Fault(where, "item runs past the data at ", p);
+    if (cur.t == 0) return Fault(where, "empty tag at ", p);
+    if (cur.b < ITEM_BLOCK_HEAD || BlockLength(cur.block) != cur.b) return Fault(where, "block length mismatch at ", p);
+    tags.insert(p + 2);
     const uint32_t type = BlockType(cur.block);
-    if (type == COLLTYPE_TABLE || type == COLLTYPE_COLL) {
-      if (BlockDataLength(cur.block) != 4) return where + "handle item of " + std::to_string(cur.b) + " bytes";
-      const uint32_t child = rd32(BlockData(cur.block));
-      if (type == COLLTYPE_COLL) {
-        uint8_t *kid = GetCollPtr(child);
-        if (!kid) return where + "item names dead collection " + Hex(child);
-        if (CollOwner(kid) != h) return where + "item names collection " + Hex(child) + " owned by " + Hex(CollOwner(kid));
-        ++collNamed[child - kCollBase];
-      } else {
-        uint8_t *hdr = GetTablePtr(child);
-        if (!hdr) return where + "item names dead table " + Hex(child);
-        if (TableOwner(hdr) != h) return where + "item names table " + Hex(child) + " owned by " + Hex(TableOwner(hdr));
-        ++tableNamed[child - kTableBase];
-      }
-    }
-    p = NextItemOffset(cur);
-    ++count;
+    if (type != COLLTYPE_TABLE && type != COLLTYPE_COLL) continue;
+    if (BlockDataLength(cur.block) != 4) return Fault(where, "handle item of ", cur.b, " bytes");
+    const uint32_t child = rd32(BlockData(cur.block));
+    const bool isColl = type == COLLTYPE_COLL;
+    uint8_t *obj = isColl ? GetCollPtr(child) : GetTablePtr(child);
+    const char *kind = isColl ? "collection " : "table ";
+    if (!obj) return Fault(where, "item names dead ", kind, Hex(child));
+    const uint32_t owner = isColl ? CollOwner(obj) : TableOwner(obj);
+    if (owner != h) return Fault(where, "item names ", kind, Hex(child), " owned by ", Hex(owner));
+    ++(isColl ? collNamed[child - kCollBase] : tableNamed[child - kTableBase]);
   }
   if (p != dl) return where + "walk does not end at the data length";
-  if (count != CollItemCount(img))
-    return where + "item count " + std::to_string(CollItemCount(img)) + " but " + std::to_string(count) + " items";
+  if (count != CollItemCount(img)) return Fault(where, "item count ", CollItemCount(img), " but ", count, " items");
   for (uint32_t i = 0; i < COLL_CACHE_SIZE; ++i) {
     const uint32_t e = rd32(img + ch::tagCache + 4 * i);
     if (e == 0 && i + 1 < COLL_CACHE_SIZE && rd32(img + ch::tagCache + 4 * (i + 1)) != 0)
       return where + "cache entry after an empty one";
-    if (e == 0) continue;
-    bool found = false;
-    for (uint32_t q = 0; q < dl && !found;) {
-      ItemCursor cur;
-      ItemAt(img, q, &cur);
-      found = q + 2 == e;
-      q = NextItemOffset(cur);
-    }
-    if (!found) return where + "cache entry " + std::to_string(e) + " names no tag";
+    if (e != 0 && !tags.count(e)) return Fault(where, "cache entry ", e, " names no tag");
   }
   return {};
 }
@@ -77,21 +73,16 @@ std::string CheckTable(uint32_t h, uint8_t *hdr) {
   const uint8_t *data = TableData(hdr);
   const uint32_t end = TableDataLength(hdr);
   const uint32_t strings = TableCols(hdr) + TableRows(hdr) * TableCols(hdr) + TABLE_ATTRIBUTES;
-  // Count the strings of the data in use: every one ends inside it.
-  uint32_t n = 0, offset = 0;
-  while (offset < end) {
-    while (offset < end && data[offset] != 0) ++offset;
-    if (offset == end) return where + "last string unterminated";
-    ++offset;
-    ++n;
-  }
-  if (n != strings) return where + std::to_string(n) + " strings, expected " + std::to_string(strings);
+  // Every string of the data in use ends inside it.
+  if (end && data[end - 1] != 0) return where + "last string unterminated";
+  const auto n = uint32_t(std::count(data, data + end, 0));
+  if (n != strings) return Fault(where, n, " strings, expected ", strings);
   const uint32_t rowsAt = SkipStrings(data, 0, TableCols(hdr), end);
-  if (TableRowsOffset(hdr) != rowsAt) return where + "rows offset " + std::to_string(TableRowsOffset(hdr)) +
-                                                 ", names end at " + std::to_string(rowsAt);
+  if (TableRowsOffset(hdr) != rowsAt)
+    return Fault(where, "rows offset ", TableRowsOffset(hdr), ", names end at ", rowsAt);
   const uint32_t attrAt = SkipStrings(data, rowsAt, TableRows(hdr) * TableCols(hdr), end);
-  if (TableAttrOffset(hdr) != attrAt) return where + "attribute offset " + std::to_string(TableAttrOffset(hdr)) +
-                                                 ", rows end at " + std::to_string(attrAt);
+  if (TableAttrOffset(hdr) != attrAt)
+    return Fault(where, "attribute offset ", TableAttrOffset(hdr), ", rows end at ", attrAt);
   if (ps->tableData[TableDataIndex(hdr)].owned && TablePages(hdr) * TABLE_PAGE < end)
     return where + "data past its pages";
   return {};
@@ -128,11 +119,8 @@ std::string CheckState() {
   }
   for (uint32_t i = 0; i < kSlots; ++i) {
     const TableDataRec &rec = ps->tableData[i];
-    if (rec.refCount != refs[i])
-      return "data record " + std::to_string(i) + ": refCount " + std::to_string(rec.refCount) + " but " +
-             std::to_string(refs[i]) + " headers";
-    if (refs[i] && !rec.data) return "data record " + std::to_string(i) + " in use without data";
-    if (!refs[i] && rec.data) return "data record " + std::to_string(i) + " holds data but no header";
+    if (rec.refCount != refs[i]) return Fault("data record ", i, ": refCount ", rec.refCount, " but ", refs[i], " headers");
+    if (!refs[i] != !rec.data) return Fault("data record ", i, refs[i] ? " in use without data" : " holds data but no header");
   }
   // Every chain of owners ends at a top-level collection: no collection owns
   // itself, directly or through others.
@@ -149,11 +137,11 @@ std::string CheckState() {
   // Every owned object is named by exactly one item of its owner.
   for (uint32_t slot = 1; slot < kSlots; ++slot) {
     if (uint8_t *img = ps->collPtrs[slot]; img && CollOwner(img) != 0 && collNamed[slot] != 1)
-      return "collection " + Hex(kCollBase + slot) + " owned by " + Hex(CollOwner(img)) + " is named by " +
-             std::to_string(collNamed[slot]) + " items";
+      return Fault("collection ", Hex(kCollBase + slot), " owned by ", Hex(CollOwner(img)), " is named by ",
+                   collNamed[slot], " items");
     if (uint8_t *hdr = ps->tablePtrs[slot]; hdr && TableOwner(hdr) != 0 && tableNamed[slot] != 1)
-      return "table " + Hex(kTableBase + slot) + " owned by " + Hex(TableOwner(hdr)) + " is named by " +
-             std::to_string(tableNamed[slot]) + " items";
+      return Fault("table ", Hex(kTableBase + slot), " owned by ", Hex(TableOwner(hdr)), " is named by ",
+                   tableNamed[slot], " items");
   }
   return {};
 }
@@ -201,8 +189,7 @@ std::string SnapshotDiff(const std::string &before, const std::string &after) {
     std::string t;
     for (size_t k = from; k < s.size() && k < from + 24; ++k) {
       unsigned char c = static_cast<unsigned char>(s[k]);
-      if (c >= 32 && c < 127) t += char(c);
-      else t += "\\x" + Hex(c).substr(4);
+      t += c >= 32 && c < 127 ? std::string(1, char(c)) : "\\x" + Hex(c).substr(4);
     }
     return t;
   };

@@ -19,40 +19,6 @@
 namespace {
 
 constexpr int kThreads = 4;
-constexpr int kRounds = 1500;
-
-TEST(StoreThreads, PrivateAndCommonCollectionsStayConsistent) {
-  uint32_t common = collOpen("common");
-  std::atomic<int> failures{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([t, common, &failures] {
-      uint32_t mine = collOpen(("mine" + std::to_string(t)).c_str());
-      for (int i = 0; i < kRounds; ++i) {
-        std::string tag = "t" + std::to_string(t) + "_" + std::to_string(i % 37);
-        std::string value(1 + (i * 7) % 50, char('a' + t));
-        // Every store is read back exactly, in the private collection and in
-        // the common one, where other threads write other tags.
-        for (uint32_t h : {mine, common}) {
-          failures += collSetItem(h, tag.c_str(), value.data(), uint32_t(value.size())) != 1;
-          failures += testutil::Item(h, tag.c_str()) != value;
-        }
-        if (i % 5 == 0) failures += collSetItem(common, tag.c_str(), "", 0) != 1 || collGetType(common, tag.c_str()) != 0;
-        // Shared reads of a tag everybody writes.
-        collSetItem(common, "shared", value.data(), 1);
-        char buf[8];
-        failures += collGetItem(common, "shared", buf, sizeof buf) != 1;
-        if (i % 100 == 0) collRenameTag(mine, tag.c_str(), (tag + "r").c_str());
-      }
-      failures += !testutil::CheckImage(mine).empty();
-      collClose(mine);
-    });
-  }
-  for (auto &th : threads) th.join();
-  EXPECT_EQ(failures.load(), 0);
-  EXPECT_EQ(testutil::CheckImage(common), "");
-  EXPECT_EQ(collGetNonSharedHandles(nullptr, 0), 1u);
-}
 
 TEST(StoreThreads, FirstCallsFromManyThreadsStartTheLibraryOnce) {
   std::vector<std::thread> threads;

@@ -34,19 +34,23 @@ struct World {
   std::atomic<uint32_t> colls[kPool];
   std::atomic<uint32_t> tables[kPool];
   uint32_t windows[2] = {};
+  uint32_t common = 0;         // every thread writes tags of its own here
   std::atomic<int> stored{0};  // successful stores, to tell that work was done
+  std::atomic<int> lost{0};    // stores that did not read back exactly
 };
 
 void *Allocate(uint32_t size) { return collAlloc(size); }
 
 class Runner {
  public:
-  Runner(World *world, int index) : w_(world), rng_(1000u + uint32_t(index)) {}
+  Runner(World *world, int index) : w_(world), rng_(1000u + uint32_t(index)), index_(index) {}
 
   void Run() {
+    mine_ = collOpen("mine");
     for (int i = 0; i < kOperations; ++i) Step();
     // Leave no private collection behind.
     for (uint32_t h : own_) collClose(h);
+    collClose(mine_);
   }
 
  private:
@@ -59,7 +63,7 @@ class Runner {
   void Step() {
     char buf[256];
     uint32_t length = 0;
-    switch (Pick(16)) {
+    switch (Pick(17)) {
       case 0:
         w_->stored += collSetString(Coll(), Tag(), Value().c_str());
         collSetNumeric(Coll(), Tag(), int32_t(Pick(100)));
@@ -181,6 +185,19 @@ class Runner {
         }
         break;
       }
+      case 16: {
+        // Tags no other thread writes, in a private collection and in a
+        // common one: each store reads back exactly, each deletion holds.
+        const std::string tag = "t" + std::to_string(index_) + "_" + std::to_string(Pick(37));
+        const std::string value(1 + Pick(50), char('a' + index_));
+        for (uint32_t h : {mine_, w_->common}) {
+          w_->lost += collSetItem(h, tag.c_str(), value.data(), uint32_t(value.size())) != 1;
+          w_->lost += testutil::Item(h, tag.c_str()) != value;
+        }
+        if (Pick(5) == 0) w_->lost += collSetItem(w_->common, tag.c_str(), "", 0) != 1 || collGetType(w_->common, tag.c_str());
+        if (Pick(20) == 0) collRenameTag(mine_, tag.c_str(), (tag + "r").c_str());
+        break;
+      }
       default: {
         char dump[4096];
         uint32_t n = collDumpItems(Coll(), dump, sizeof dump);
@@ -192,6 +209,8 @@ class Runner {
 
   World *w_;
   std::mt19937 rng_;
+  int index_;
+  uint32_t mine_ = 0;
   std::vector<uint32_t> own_;
 };
 
@@ -210,6 +229,7 @@ TEST(StressThreads, EveryKindOfCallAtOnce) {
   World world;
   world.windows[0] = first.window();
   world.windows[1] = second.window();
+  world.common = collOpen("common");
   for (int i = 0; i < kPool; ++i) {
     world.colls[i] = i < 3 ? collOpenShared(kShared[i]) : collOpen("pooled");
     HTABLE t = tableCreate(2, 0);
@@ -237,6 +257,7 @@ TEST(StressThreads, EveryKindOfCallAtOnce) {
   }
   EXPECT_EQ(testutil::CheckState(), "");
   EXPECT_GT(world.stored.load(), kThreads * kOperations / 40);
+  EXPECT_EQ(world.lost.load(), 0);
   EXPECT_GT(first.count() + second.count(), 0u);
   first.onMessage = nullptr;
   second.onMessage = nullptr;
@@ -245,6 +266,7 @@ TEST(StressThreads, EveryKindOfCallAtOnce) {
     tableDestroy(world.tables[i]);
   }
   collClose(sink);
+  collClose(world.common);
   EXPECT_EQ(testutil::CheckState(), "");
   // Every private collection and table went with its handle.
   uint32_t handles[8];

@@ -334,9 +334,6 @@ TEST(DumpSize, LimitsWithTablesAndNestedCollections) {
     EXPECT_EQ(collDumpItems(outer, nullptr, 0), k == 5494 ? 65534u : 0u);
     EXPECT_EQ(collDumpItemsHex(h, nullptr, 0), k == 5494 ? 2 * 65534u : 0u);
   }
-  std::string text(200000, '#');
-  EXPECT_EQ(collDumpItemsHex(h, text.data(), uint32_t(text.size())), 0u);
-  EXPECT_EQ(text[0], '#');
   // The largest image loads whole.
   collSetItem(outer, "r", std::string(5469, 'r').data(), 5469);
   HCOLL target = collOpen("Target");
@@ -520,9 +517,6 @@ TEST(DumpHexText, Rules) {
     EXPECT_EQ(collLoadItemsHex(h, c.text.data(), uint32_t(c.text.size())), c.result) << c.text.substr(0, 50);
     EXPECT_EQ(Describe(h), c.result && c.text.size() > 12 ? "ab:6/0=xy;" : "") << c.text.substr(0, 50);
   }
-  EXPECT_EQ(collLoadItems(h, "\0\x05\xCE\0\0", 5), 0u);
-  EXPECT_EQ(collLoadItems(h, "\0\x06\xCE\0\0\0", 6), 1u);
-  EXPECT_EQ(collLoadItems(h, std::string(70000, '\0').data(), 70000), 0u);
 }
 
 TEST(TableLoad, CopyAndInPlace) {

@@ -2,12 +2,10 @@
 // pages, the item engine, and the collection and raw-item functions.
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <iterator>
-#include <random>
 #include <string>
 
 #include "coll.h"
@@ -16,7 +14,6 @@
 #include "tests/listener.h"
 #include "tests/test_util.h"
 
-using testutil::CheckImage;
 using testutil::Item;
 using testutil::Tags;
 using namespace std::string_literals;
@@ -52,63 +49,6 @@ TEST(Image, NewCollectionHeaderAndTheWorkedNumberItem) {
   ASSERT_EQ(collSetNumeric(h, "N", 7), 1u);
   EXPECT_EQ(testutil::ItemArea(h), std::string("\1\0N\12\0\5\0\0\0\12\0\7\0\0\0", 15));
   EXPECT_EQ(Item(h, "abc"), "<missing>");
-}
-
-// Random stores, replacements, deletions and renames against a model: every
-// item reads back under its tag in any letter case, in model order, and the
-// image stays consistent.
-TEST(Engine, RandomChangesAgreeWithAModel) {
-  std::mt19937 rng(5);
-  uint32_t h = collOpen(nullptr);
-  std::vector<std::pair<std::string, std::string>> model;  // in item order
-  auto same = [](std::string a, std::string b) {
-    for (std::string *s : {&a, &b})
-      for (char &c : *s) c = char(tolower(c));
-    return a == b;
-  };
-  auto find = [&](const std::string &tag) {
-    for (size_t i = 0; i < model.size(); ++i)
-      if (same(model[i].first, tag)) return long(i);
-    return -1L;
-  };
-  for (int step = 0; step < 2000; ++step) {
-    std::string tag(1 + rng() % 3, 'a');
-    for (char &c : tag) c = char((rng() % 2 ? 'a' : 'A') + rng() % 4);
-    if (rng() % 50 == 0) tag = std::string(300 * (1 + rng() % 10), 'q');
-    std::string value(rng() % 5, 'v');
-    for (char &c : value) c = char('0' + rng() % 10);
-    const long at = find(tag);
-    if (rng() % 4 == 0 && at >= 0) {
-      std::string to(1 + rng() % 3, 'a');
-      for (char &c : to) c = char((rng() % 2 ? 'a' : 'A') + rng() % 4);
-      ASSERT_EQ(collRenameTag(h, tag.c_str(), to.c_str()), 1u);
-      // Only the letter case: in place; else replacing the other tag, last.
-      std::pair<std::string, std::string> item{to, model[size_t(at)].second};
-      if (same(to, tag)) {
-        model[size_t(at)] = item;
-      } else {
-        model.erase(model.begin() + at);
-        if (long old = find(to); old >= 0) model.erase(model.begin() + old);
-        model.push_back(item);
-      }
-    } else {
-      ASSERT_EQ(collSetItem(h, tag.c_str(), value.data(), uint32_t(value.size())), 1u);
-      // Same length: in place, the tag takes the new case; else moved last.
-      const bool inPlace = at >= 0 && !value.empty() && value.size() == model[size_t(at)].second.size();
-      if (inPlace) model[size_t(at)] = {tag, value};
-      if (at >= 0 && !inPlace) model.erase(model.begin() + at);
-      if (!inPlace && !value.empty()) model.push_back({tag, value});
-    }
-    std::string tags;
-    for (const auto &[t, v] : model) tags += (tags.empty() ? "" : ",") + t;
-    ASSERT_EQ(Tags(h), tags) << step;
-    for (const auto &[t, v] : model) {
-      std::string upper = t;
-      for (char &c : upper) c = char(toupper(c));
-      ASSERT_EQ(Item(h, upper.c_str()), v) << step;
-    }
-    ASSERT_EQ(CheckImage(h), "") << step;
-  }
 }
 
 TEST(Image, TagsMatchWithoutRegardToCaseOfAToZOnly) {

@@ -2,6 +2,7 @@
 // collections, merging and placeholder substitution.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -137,52 +138,110 @@ TEST(Rendering, TimesFollowTheLocalZone) {
   EXPECT_EQ(GetText(h, "t").text, "Wed Dec 31 19:00:00 1969");
 }
 
-// Random typed values under random tags: what is stored reads back through
-// every reader, in any letter case, and through a placeholder.
-TEST(Values, StoredValuesReadBack) {
-  std::mt19937 rng(17);
-  HCOLL h = collOpen("values");
-  for (int i = 0; i < 300; ++i) {
-    std::string tag(1 + rng() % 8, 'x'), other;
-    for (char &c : tag) c = char('a' + rng() % 26);
-    for (char c : tag) other += char(rng() % 2 ? c - 32 : c);
-    uint32_t t = 77;
-    switch (rng() % 3) {
-      case 0: {
-        const int32_t v = int32_t(rng());
-        ASSERT_EQ(collSetNumeric(h, tag.c_str(), v), 1u);
-        EXPECT_EQ(collGetNumeric(h, other.c_str()), v);
-        EXPECT_EQ(GetText(h, other.c_str()), (Text{std::to_string(v), uint32_t(std::to_string(v).size() + 1)}));
-        EXPECT_EQ(collGetType(h, tag.c_str()), uint32_t(COLLTYPE_NUMERIC));
-        EXPECT_EQ(collGetTime(h, tag.c_str(), &t), 0u);
-        EXPECT_EQ(t, 77u);
-        EXPECT_EQ(Substitute(h, "<!" + other + ".>").text, "<" + std::to_string(v) + ">");
-        break;
+// Random stores of every kind, replacements, deletions and renames against a
+// model: the value just stored reads back through every reader under its tag
+// in other letters, every item keeps its type and place in model order, and
+// the image stays consistent.
+TEST(Values, RandomChangesAgreeWithAModel) {
+  struct Stored {
+    std::string tag;
+    uint32_t type;
+    std::string data;
+  };
+  std::mt19937 rng(5);
+  HCOLL h = collOpen(nullptr);
+  std::vector<Stored> model;  // in item order
+  auto lower = [](std::string s) {
+    for (char &c : s) c = char(std::tolower(c));
+    return s;
+  };
+  auto find = [&](const std::string &tag) {
+    for (size_t i = 0; i < model.size(); ++i)
+      if (lower(model[i].tag) == lower(tag)) return long(i);
+    return -1L;
+  };
+  auto randomTag = [&] {
+    std::string tag(1 + rng() % 3, 'a');
+    for (char &c : tag) c = char((rng() % 2 ? 'a' : 'A') + rng() % 4);
+    return rng() % 50 ? tag : std::string(300 * (1 + rng() % 10), 'q');
+  };
+  for (int step = 0; step < 2000; ++step) {
+    const std::string tag = randomTag();
+    std::string other;
+    for (char c : tag) other += char(rng() % 2 ? std::toupper(c) : c);
+    const long at = find(tag);
+    if (rng() % 4 == 0 && at >= 0) {
+      const std::string to = randomTag().substr(0, 3);
+      ASSERT_EQ(collRenameTag(h, tag.c_str(), to.c_str()), 1u);
+      // Only the letter case: in place; else replacing the other tag, last.
+      Stored item = model[size_t(at)];
+      item.tag = to;
+      if (lower(to) == lower(tag)) {
+        model[size_t(at)] = item;
+      } else {
+        model.erase(model.begin() + at);
+        if (long old = find(to); old >= 0) model.erase(model.begin() + old);
+        model.push_back(item);
       }
-      case 1: {
-        std::string text(1 + rng() % 300, 'x');
-        for (char &c : text) c = char(' ' + rng() % 95);
-        ASSERT_EQ(collSetString(h, tag.c_str(), text.c_str()), 1u);
-        EXPECT_EQ(GetText(h, other.c_str(), 400), (Text{text, uint32_t(text.size() + 1)}));
-        EXPECT_EQ(GetText(h, tag.c_str(), 4), (Text{text.substr(0, 3), uint32_t(text.size() + 1)}));
-        EXPECT_EQ(Obtain(h, other.c_str(), RecordingAlloc),
-                  text + "/" + std::to_string(text.size() + 1) + "/" + std::to_string(text.size() + 2));
-        EXPECT_EQ(collGetNumeric(h, tag.c_str()), int32_t(std::strtoll(text.c_str(), nullptr, 10)));
-        EXPECT_EQ(Substitute(h, "!" + tag + ".").text, text);
-        EXPECT_EQ(collGetItem(h, tag.c_str(), nullptr, 0), text.size() + 1);  // the terminator counts
-        break;
+    } else {
+      Stored s{tag, COLLTYPE_ITEM, std::string(rng() % 5, 'v')};
+      uint32_t t = 77;
+      switch (rng() % 4) {
+        case 0: {
+          for (char &c : s.data) c = char('0' + rng() % 10);
+          ASSERT_EQ(collSetItem(h, tag.c_str(), s.data.data(), uint32_t(s.data.size())), 1u);
+          break;
+        }
+        case 1: {
+          const int32_t v = int32_t(rng());
+          s = {tag, COLLTYPE_NUMERIC, Le(uint32_t(v))};
+          ASSERT_EQ(collSetNumeric(h, tag.c_str(), v), 1u);
+          EXPECT_EQ(collGetNumeric(h, other.c_str()), v);
+          EXPECT_EQ(GetText(h, other.c_str()), (Text{std::to_string(v), uint32_t(std::to_string(v).size() + 1)}));
+          EXPECT_EQ(collGetTime(h, tag.c_str(), &t), 0u);
+          EXPECT_EQ(t, 77u);
+          EXPECT_EQ(Substitute(h, "<!" + other + ".>").text, "<" + std::to_string(v) + ">");
+          break;
+        }
+        case 2: {
+          std::string text(1 + rng() % 300, 'x');
+          for (char &c : text) c = char(' ' + rng() % 95);
+          s = {tag, COLLTYPE_STRING, text};
+          ASSERT_EQ(collSetString(h, tag.c_str(), text.c_str()), 1u);
+          EXPECT_EQ(GetText(h, other.c_str(), 400), (Text{text, uint32_t(text.size() + 1)}));
+          EXPECT_EQ(GetText(h, tag.c_str(), 4), (Text{text.substr(0, 3), uint32_t(text.size() + 1)}));
+          EXPECT_EQ(Obtain(h, other.c_str(), RecordingAlloc),
+                    text + "/" + std::to_string(text.size() + 1) + "/" + std::to_string(text.size() + 2));
+          EXPECT_EQ(collGetNumeric(h, tag.c_str()), int32_t(std::strtoll(text.c_str(), nullptr, 10)));
+          EXPECT_EQ(Substitute(h, "!" + tag + ".").text, text);
+          EXPECT_EQ(collGetItem(h, tag.c_str(), nullptr, 0), text.size() + 1);  // the terminator counts
+          break;
+        }
+        default: {
+          const uint32_t v = uint32_t(rng());
+          s = {tag, COLLTYPE_TIME, Le(v)};
+          ASSERT_EQ(collSetTime(h, tag.c_str(), v), 1u);
+          EXPECT_EQ(collGetTime(h, other.c_str(), &t), 1u);
+          EXPECT_EQ(t, v);
+          EXPECT_EQ(collGetNumeric(h, tag.c_str()), 0);
+          EXPECT_EQ(GetText(h, tag.c_str()).result, 25u);
+        }
       }
-      default: {
-        const uint32_t v = uint32_t(rng());
-        ASSERT_EQ(collSetTime(h, tag.c_str(), v), 1u);
-        EXPECT_EQ(collGetTime(h, other.c_str(), &t), 1u);
-        EXPECT_EQ(t, v);
-        EXPECT_EQ(collGetNumeric(h, tag.c_str()), 0);
-        EXPECT_EQ(GetText(h, tag.c_str()).result, 25u);
-      }
+      // Same length: in place, the tag takes the new letters; else moved last.
+      const bool inPlace = at >= 0 && !s.data.empty() && s.data.size() == model[size_t(at)].data.size();
+      if (inPlace) model[size_t(at)] = s;
+      if (at >= 0 && !inPlace) model.erase(model.begin() + at);
+      if (!inPlace && !s.data.empty()) model.push_back(s);
     }
+    std::string tags;
+    for (const Stored &m : model) tags += (tags.empty() ? "" : ",") + m.tag;
+    ASSERT_EQ(Tags(h), tags) << step;
+    for (const Stored &m : model) {
+      ASSERT_EQ(collGetType(h, lower(m.tag).c_str()), m.type) << step;
+      if (m.type == COLLTYPE_ITEM) { ASSERT_EQ(testutil::Item(h, lower(m.tag).c_str()), m.data) << step; }
+    }
+    ASSERT_EQ(testutil::CheckImage(h), "") << step;
   }
-  EXPECT_EQ(testutil::CheckImage(h), "");
   // Text is stored without its terminator: length word, tag, length word,
   // block head, 6 characters.
   HCOLL s = collOpen("s");

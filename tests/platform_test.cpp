@@ -5,6 +5,7 @@
 
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "coll_host.h"
 #include "platform/platform.h"
@@ -12,20 +13,10 @@
 
 namespace {
 
-struct Received {
-  int calls = 0;
-  uint32_t window = 0, message = 0;
-  uintptr_t wParam = 0;
-  intptr_t lParam = 0;
-};
-
+// The messages a window received: window, message, wParam, lParam.
+using Received = std::vector<std::tuple<uint32_t, uint32_t, uintptr_t, intptr_t>>;
 intptr_t Record(uint32_t window, uint32_t message, uintptr_t wParam, intptr_t lParam, void *context) {
-  auto *r = static_cast<Received *>(context);
-  ++r->calls;
-  r->window = window;
-  r->message = message;
-  r->wParam = wParam;
-  r->lParam = lParam;
+  static_cast<Received *>(context)->emplace_back(window, message, wParam, lParam);
   return 77;
 }
 
@@ -35,7 +26,7 @@ TEST(Platform, HostWindowsReceiveWhatIsSentWhileTheyExist) {
   uint32_t w = collHostCreateWindow(Record, &r);
   ASSERT_NE(w, 0u);
   EXPECT_NE(w >> 16, 0xFFFFu);
-  EXPECT_EQ(r.calls, 0);  // making it sends the procedure nothing
+  EXPECT_TRUE(r.empty());  // making it sends the procedure nothing
   EXPECT_TRUE(platform::IsWindow(w));
   // Message names are registered without regard to case.
   const uint32_t msg = platform::RegisterWindowMessage("Platform_Test");
@@ -44,12 +35,11 @@ TEST(Platform, HostWindowsReceiveWhatIsSentWhileTheyExist) {
   EXPECT_NE(platform::RegisterWindowMessage("Platform_Other"), msg);
   EXPECT_EQ(platform::RegisterWindowMessage(nullptr) + collHostRegisterMessage(""), 0u);
   EXPECT_EQ(platform::SendMessage(w, msg, 0x4002, 1234), 77);
-  EXPECT_EQ(std::tuple(r.calls, r.window, r.message, r.wParam, r.lParam), std::tuple(1, w, msg, uintptr_t(0x4002), intptr_t(1234)));
+  EXPECT_EQ(r, Received({{w, msg, 0x4002, 1234}}));
 
   EXPECT_EQ(collHostDestroyWindow(w), 1u);
-  EXPECT_EQ(r.calls, 1);  // nor does destroying it
   EXPECT_FALSE(platform::IsWindow(w) || platform::SendMessage(w, msg, 0, 0) || collHostDestroyWindow(w));
-  EXPECT_EQ(r.calls, 1);
+  EXPECT_EQ(r.size(), 1u);  // nor does destroying it, nor sending to it after
   EXPECT_FALSE(platform::IsWindow(0) || platform::SendMessage(0, msg, 0, 0));
 }
 

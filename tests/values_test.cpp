@@ -8,7 +8,6 @@
 #include <cstring>
 #include <random>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "coll.h"
@@ -423,15 +422,4 @@ TEST(Substitute, LongOutputThroughSmallBuffers) {
   templ += std::string(1500, '.');
   expected += std::string(1500, '.');
   EXPECT_EQ(Substitute(h, templ, 50000), (Text{expected, uint32_t(expected.size() + 1)}));
-  // It grows by pages of 1000 bytes and never shrinks.
-  coll::LockGuard lock;
-  uint32_t pages = 1;
-  char *b = static_cast<char *>(coll::collAllocPtr(500));
-  for (const auto &[used, need, want] : {std::tuple{0u, 500u, 1u}, {1u, 500u, 2u}, {10u, 1500u, 4u}, {0u, 10u, 4u}}) {
-    b = coll::allocateAndCheck(used, need, &pages, b);
-    EXPECT_EQ(pages, want);
-  }
-  ASSERT_NE(b, nullptr);
-  b[1999] = 'x';
-  coll::collFreePtr(b);
 }

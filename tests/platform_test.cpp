@@ -3,6 +3,8 @@
 // executable's name, the memory tests, the heap and its failure hook).
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -54,6 +56,22 @@ TEST(Platform, ExecutableNameWithoutDirectoryCutToSize) {
   EXPECT_STREQ(cut, "coll");
   EXPECT_EQ(platform::ExecutableName(cut, 1), 0u);
   EXPECT_STREQ(cut, "");
+}
+
+// The tick count (table stamps) follows a monotonic clock in milliseconds.
+TEST(Platform, TickCountCountsMilliseconds) {
+  using namespace std::chrono;
+  auto ms = [](auto d) { return int64_t(duration_cast<milliseconds>(d).count()); };
+  // Clock readings around each tick count bound what it may have measured.
+  const auto t0 = steady_clock::now();
+  const uint32_t first = platform::TickCount();
+  const auto t1 = steady_clock::now();
+  while (steady_clock::now() - t1 < milliseconds(60)) {
+  }
+  const auto t2 = steady_clock::now();
+  const int64_t ticks = int64_t(platform::TickCount() - first);
+  const auto t3 = steady_clock::now();
+  EXPECT_TRUE(ticks >= ms(t2 - t1) - 20 && ticks <= ms(t3 - t0) + 20) << ticks << " ticks in " << ms(t2 - t1) << " ms";
 }
 
 TEST(Platform, MemoryTestsRefuseOnlyWhatCannotBeMemory) {

@@ -197,35 +197,4 @@ TEST(ClipboardImport, LineEndsRaggedRowsAndLimits) {
   EXPECT_EQ(Field(t, 65, 0), "tail"); EXPECT_EQ(Widths(t), "%254s ");
 }
 
-// Runs step with its n-th allocation failing, for every n until a run meets
-// no failure; setup runs first with allocations working.
-template <typename Setup, typename Step>
-void ForEveryAllocation(Setup setup, Step step) {
-  for (uint32_t n = 1;; ++n) {
-    platform::FailAllocation(0); setup(); platform::FailAllocation(n); step();
-    if (platform::FailAllocation(0) < n) break;
-    ASSERT_LT(n, 1000u);
-  }
-  EXPECT_TRUE(collHostOpenClipboard(1) && collHostCloseClipboard());
-}
-
-TEST(ClipboardNoMemory, FailuresLeaveNoTrace) {
-  HTABLE t = MakeGrid("A|B/1|2/3|4");
-  ForEveryAllocation([] {}, [t] {
-    // A clipboard without memory for its copy ends up empty.
-    const std::string text = Export(t, CLIP_NAMES_AND_ROWS);
-    EXPECT_TRUE(text == "A\tB\r\n1\t2\r\n3\t4\r" || text == "<none>" || text == "<refused>") << text;
-  });
-  EXPECT_EQ(Grid(t), "A|B/1|2/3|4"); tableDestroy(t);
-  ForEveryAllocation([] { collHostSetClipboardText("A\tB\r\n1\t2\r\n"); },
-                     [] {
-                       HTABLE back = tableDataFromClipboard(0);
-                       if (back) {  // rows and names that found no memory are left out
-                         EXPECT_EQ(tableColCount(back), 2u); EXPECT_LE(tableRowCount(back), 1u); tableDestroy(back);
-                       }
-                       uint32_t handles[4];
-                       EXPECT_EQ(collGetTableHandles(handles, sizeof handles), 0u);
-                     });
-}
-
 }  // namespace

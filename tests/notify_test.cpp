@@ -285,23 +285,4 @@ TEST(Notify, CollectionItemAroundACycle) {
   EXPECT_EQ(testutil::CheckState(), "");
 }
 
-TEST(Notify, AllocationFailures) {
-  collIsBadCollHandle(0);
-  const std::string longTag(300, 'L');
-  for (uint32_t n = 1;; ++n) {
-    World w; w.Listen("ab"); P(w.a, w.b); Set(w.a, "c", "1"); w.la.Clear(); w.lb.Clear(); platform::FailAllocation(n);
-    collLock(w.a); Set(w.a, "x", "1"); Del(w.a, "c"); Set(w.a, longTag.c_str(), "1"); EXPECT_EQ(collUnlock(w.a), 1u);
-    const uint32_t made = platform::FailAllocation(0);
-    // What was told to b's window arrived in b; a window hears nothing twice.
-    for (const Heard &m : w.lb.heard()) EXPECT_EQ(Item(w.b, m.tag.c_str()), Item(w.a, m.tag.c_str())) << n;
-    EXPECT_LE(w.la.count(), 3u);
-    // Marks that could not be told then are told by the next unlock.
-    collUnlock(w.a); EXPECT_NE(Mark(w.a, "x"), 1u) << n; EXPECT_NE(Mark(w.a, longTag.c_str()), 1u) << n;
-    EXPECT_EQ(testutil::CheckState(), "") << n;
-    for (HCOLL h : {w.a, w.b, w.c}) collClose(h);
-    if (made < n) break;
-    ASSERT_LT(n, 1000u);
-  }
-}
-
 }  // namespace

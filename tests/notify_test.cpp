@@ -265,20 +265,4 @@ TEST(Notify, TheAdviceMessage) {
   EXPECT_EQ(heard[0].area + heard[1].area, std::string("\x03\x00" "ABC\0\0\0\0\0" "\x03\x00" "abc\0\0\0\0\0", 20));
 }
 
-TEST(Notify, CollectionItemAroundACycle) {
-  World w; w.Listen("ab"); P(w.a, w.b); P(w.b, w.a);
-  uint32_t child, held, copied;
-  {
-    coll::LockGuard lock; child = coll::InternalCollCreate(w.a);
-    ASSERT_EQ(coll::SetItem(child, "inner", coll::BuildItem(COLLTYPE_ITEM, "v", 1), 0), 1u);
-    ASSERT_EQ(coll::SetItem(w.a, "n", coll::BuildItem(COLLTYPE_COLL, &child, 4), 1), 1u); uint8_t *block;
-    ASSERT_TRUE(coll::GetItem(coll::GetCollPtr(w.b), "n", &block)); copied = coll::rd32(coll::BlockData(block));
-    ASSERT_TRUE(coll::GetItem(coll::GetCollPtr(w.a), "n", &block)); held = coll::rd32(coll::BlockData(block));
-  }
-  EXPECT_EQ(w.Told(), "a:n b:n c:");
-  EXPECT_EQ(held, child);  // the copy did not come back to replace it
-  EXPECT_NE(copied, child); EXPECT_EQ(testutil::ItemArea(copied), testutil::ItemArea(child));
-  EXPECT_EQ(testutil::CheckState(), "");
-}
-
 }  // namespace

@@ -253,22 +253,6 @@ TEST(TableModel, RandomGridsReadAsTheirModels) {
   }
 }
 
-// Positioning by words agrees with a byte scan wherever terminators fall.
-TEST(TableObject, WordWisePositioningAgreesWithAByteScan) {
-  std::mt19937 rng(99);
-  std::string data;
-  while (data.size() < 600) data.append(rng() % 13, char('a' + rng() % 26)).push_back('\0');
-  const auto *p = reinterpret_cast<const uint8_t *>(data.data());
-  for (int i = 0; i < 20000; ++i) {
-    uint32_t end = rng() % (data.size() + 1), offset = end ? rng() % end : 0, n = rng() % 40, want = offset;
-    for (uint32_t k = n; k > 0 && want < end; --k) {
-      while (want < end && p[want] != 0) ++want;
-      if (want < end) ++want;
-    }
-    ASSERT_EQ(coll::SkipStrings(p, offset, n, end), want) << offset << " " << n << " " << end;
-  }
-}
-
 // ---------------------------------------------------------------- exact results
 
 TEST(TableObject, NewTableLayoutAndLimits) {
@@ -316,14 +300,15 @@ TEST(TableObject, DataLimitReachedExactlyAndRefusedOneByteLater) {
 }
 
 TEST(TableObject, FailuresOfBadArguments) {
-  HTABLE t = MakeGrid("A|B/ab|[x]/k|");
+  HTABLE t = MakeGrid("A|B/ab|[x]/k|"), tail = MakeGrid("A|B/k|");
   // Texts: none, unterminated (the size bounds them), non-letters unequal.
   const char abc[3] = {'A', 'B', 'C'};
   const uint32_t got[][2] = {{tableSetItem(t, 0, 0, nullptr), 0},       {tableGetItem(t, 0, 0, nullptr, 10), 0},
                              {tableGetColIndex(t, nullptr), kNone},     {tableFindField(t, nullptr, 1, 0, 0), kNone},
                              {tableFindAbbrev(t, abc, 2, 0, 0), 0},     {tableFindAbbrev(t, "zz", 0, 1, 0), 1},
                              {tableFindField(t, "{X}", kNone, 0, 1), kNone}, {tableFindField(t, "", kNone, 0, 1), 1},
-                             {tableCompare(t, t, 3, 0), 2}};  // one data block: its row count
+                             {tableCompare(t, t, 3, 0), 2},  // one data block: its row count
+                             {tableCompare(t, tail, 0, 1), 1}, {tableCompare(tail, t, 0, 1), 1}};  // last rows aligned
   for (size_t i = 0; i < std::size(got); ++i) EXPECT_EQ(got[i][0], got[i][1]) << i;
   // Packed rows: no bytes, a last byte that is not 0, no buffer.
   for (const auto &[bytes, size] : {std::pair<const char *, uint32_t>{"ab", 0}, {"ab", 2}, {nullptr, 2}})
@@ -334,19 +319,6 @@ TEST(TableObject, FailuresOfBadArguments) {
     coll::LockGuard lock; coll::wr16(coll::GetTablePtr(t) + coll::th::rows, 1);
   }
   EXPECT_EQ(tableGetSelection(t), kNone); EXPECT_EQ(Hdr(t, coll::th::selection), 0xFFFFu);
-}
-
-TEST(TableObject, DataEndingInsideAStringStaysInBounds) {
-  HTABLE t = MakeGrid("c0/r0c0");  // as a loaded image may: the last string cut short
-  tableSetItem(t, ROW_HEADER, uint32_t(-5), "xy");
-  const uint32_t length = Hdr(t, coll::th::length);
-  {
-    coll::LockGuard lock; coll::wr16(coll::GetTablePtr(t) + coll::th::length, length - 1);
-  }
-  EXPECT_EQ(Field(t, ROW_HEADER, uint32_t(-5)), "xy");
-  EXPECT_EQ(tableGetRow(t, uint32_t(ROW_ATTRIBUTES), nullptr, 0), 6u);
-  ASSERT_EQ(tableSetItem(t, ROW_HEADER, uint32_t(-5), "z"), 1u);
-  EXPECT_EQ(Grid(t) + "/" + Row(t, ROW_ATTRIBUTES), "c0/r0c0/||||z"); ExpectOffsets(t);
 }
 
 // Loaded tables whose strings fall short: one that claims more rows than its

@@ -68,6 +68,19 @@ TEST(TransactionThreads, OthersWaitForTheOwner) {
   }
 }
 
+// A propagation target closed while the request waited for its source is
+// refused.
+TEST(TransactionThreads, TargetClosedWhileARequestWaits) {
+  HCOLL a = collOpen("a"), gone = collOpen("gone");
+  ASSERT_EQ(collLock(a), 1u);
+  uint32_t result = 1;
+  {
+    testutil::Worker other([&] { result = collRequestPropagate(a, gone, 1); }); EXPECT_TRUE(other.StaysBlocked());
+    collClose(gone); collUnlock(a);
+  }
+  EXPECT_EQ(result, 0u);
+}
+
 TEST(TransactionThreads, ToldInTheChangingThreadWhileOthersPropagate) {
   HCOLL a = collOpen("a"), b = collOpen("b");
   collRequestPropagate(a, b, 1); collRequestPropagate(b, a, 1); Listener la, lb; collRequestAdvice(a, la.window(), 1);

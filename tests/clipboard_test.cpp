@@ -10,12 +10,11 @@
 #include "tests/table_util.h"
 
 using testutil::Field;
+using testutil::kNone;
 using testutil::Grid;
 using testutil::MakeGrid;
 
 namespace {
-
-constexpr uint32_t kNone = 0xFFFFFFFFu;
 
 // The clipboard's text, or "<none>".
 std::string ClipText() {

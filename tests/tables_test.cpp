@@ -18,6 +18,7 @@
 #include "tests/test_util.h"
 
 using testutil::Field;
+using testutil::kNone;
 using testutil::Grid;
 using testutil::MakeGrid;
 using testutil::Row;
@@ -32,8 +33,6 @@ using testutil::SetRow;
   } while (0)
 
 namespace {
-
-constexpr uint32_t kNone = 0xFFFFFFFFu;
 
 // A header word of a live table (kNone when the handle is invalid).
 uint32_t Hdr(HTABLE t, uint32_t offset, bool wide = false) {

@@ -149,7 +149,8 @@ const Scenario kScenarios[] = {
        Set(w.a, "p", "1"); Set(w.a, "r", "1"); Held(w); P(w.a, w.b); Set(w.a, "n", "1"); Del(w.a, "c");
        Set(w.a, "r", "2");  // same length: in place, keeps its position
        Set(w.a, "m", "1");
-       Del(w.a, "q");  // absent: never told
+       Del(w.a, "q");  // absent: never told, and no mark
+       EXPECT_EQ(Mark(w.a, "q"), kNone);
        EXPECT_EQ(Mark(w.a, "n"), 1u);  // stored at once, marked, told later
        EXPECT_EQ(w.la.count(), 0u); EXPECT_EQ(Item(w.b, "n"), "<missing>"); EXPECT_EQ(collUnlock(w.a), 1u);
        EXPECT_EQ(Mark(w.a, "n"), 0u); EXPECT_EQ(Mark(w.b, "n"), 0u);

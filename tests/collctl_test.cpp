@@ -32,10 +32,6 @@ std::string ReadAll(const fs::path &p) {
 void WriteAll(const fs::path &p, const std::string &bytes) {
   std::ofstream(p, std::ios::binary | std::ios::trunc).write(bytes.data(), std::streamsize(bytes.size()));
 }
-std::string DumpOf(HCOLL h) {
-  std::string image(collDumpItems(h, nullptr, 0), '\0');
-  return collDumpItems(h, image.data(), uint32_t(image.size())) == image.size() ? image : "";
-}
 // The image with its total length and checksum made right again.
 std::string Fixed(std::string image, bool total = false) {
   if (total) {
@@ -78,7 +74,8 @@ std::string AllTypesImage() {
       tableSetSelection(grid, 2) && tableSetItem(grid, ROW_HEADER, uint32_t(-1), "%3s %9s ") &&
       tableSetItem(grid, ROW_HEADER, uint32_t(-5), "last") && collSetTable(h, "Grid", grid) &&
       collSetTable(h, "Empty", small) && collLock(h) && collSetString(h, "Pending", "yes");
-  std::string image = DumpOf(h);
+  std::string image(collDumpItems(h, nullptr, 0), '\0');
+  collDumpItems(h, image.data(), uint32_t(image.size()));
   // "Seven": tag length 5, tag, value length 13, then the type word.
   image[Find(image, std::string("\x00\x05Seven", 7)) + 10] = 7;
   for (HCOLL c : {h, inner, deeper}) collClose(c);
@@ -283,16 +280,11 @@ TEST_F(Collctl, Commands) {
       {"table export hex.txt table --layout rows", "", 0, "1\t2\n", ""},
       {"table import -", "a\tb\tc\td\te\tf\tg\th\ti\tj\tk\n", 1, "",
        "collctl: (stdin): the first line names 11 columns; a table from text has at most 10\n"},
-      {"table import -", "", 1, "", "~"},
       {"table import -", "a\rb\n", 1, "", "~"},
       // JSON that describes no dump.
       {"build - -o refused.dump", "{", 1, "", "~not valid JSON"},
       {"build - -o refused.dump", "[]", 1, "", "~expected an object with \"items\""},
       {"build - -o refused.dump", R"({"items": [{"type": "string", "value": "x"}]})", 1, "", "~items[0]: \"tag\" is missing"},
-      {"build - -o refused.dump", R"({"items": [{"tag": "a", "type": "text", "value": "x"}]})", 1, "",
-       "~items[0].type: expected one of"},
-      {"build - -o refused.dump", R"({"items": [{"tag": "a", "type": "numeric", "value": 2147483648}]})", 1, "",
-       "~items[0].value: expected an integer from -2147483648 to 2147483647"},
       {"build - -o refused.dump", R"({"items": [{"tag": "a", "type": "item", "hex": "0g"}]})", 1, "",
        "~items[0].hex: expected a string of hexadecimal"},
       {"build - -o refused.dump",
@@ -300,16 +292,10 @@ TEST_F(Collctl, Commands) {
        "~items[0].items[0].value: expected an integer from 0 to 4294967295"},
       {"build - -o refused.dump", R"({"items": [{"tag": "a", "type": "time", "value": 1, "utc": "1970-01-01T00:00:00Z"}]})",
        1, "", "~items[0]: \"value\" 1 and \"utc\" 1970-01-01T00:00:00Z name different times"},
-      {"build - -o refused.dump", R"({"items": [{"tag": "a", "type": "time", "utc": "2023-02-29T00:00:00Z"}]})", 1, "",
-       "~items[0].utc: expected a UTC"},
       {"build - -o refused.dump", R"({"items": [{"tag": "a", "type": "table", "columns": ["A"], "rows": [["1", "2"]]}]})",
        1, "", "~items[0].rows[0]: expected an array of 1 fields"},
-      {"build - -o refused.dump", R"({"items": [{"tag": "a", "type": "table", "columns": []}]})", 1, "",
-       "~a table has at least one column"},
       {"build - -o refused.dump", R"({"items": [{"tag": "a", "type": "table", "columns": ["x\u0000y"]}]})", 1, "",
        "~cannot hold a zero byte"},
-      {"build - -o refused.dump", R"({"items": [{"tag": {"hex": 5}, "type": "string", "value": ""}]})", 1, "",
-       "~items[0].tag.hex: expected"},
       {"build -",
        R"({"items": [{"tag": "a", "type": "string", "value": ")" + std::string(40000, 'x') +
            R"("}, {"tag": "b", "type": "string", "value": ")" + std::string(30000, 'x') + R"("}]})",
@@ -367,55 +353,23 @@ TEST_F(Collctl, Commands) {
 }
 
 TEST_F(Collctl, ChecksDamagedDumps) {
-  struct Case {
-    std::string name;
-    std::string image;
-    std::string message;
+  const struct {
+    std::string name, image, message;
+  } cases[] = {
+      {"short", kAbXy.substr(0, 5), "offset 0: the image has 5 bytes; a dump has at least its 6-byte header"},
+      {"longer", kAbXy + "z", "offset 0: the header gives a total length of 20 bytes, but the image has 21"},
+      {"mark", Patched(kAbXy, 3, 1), "offset 2: mark 0xCE01, expected 0xCE00"},
+      // A tag length of 9 leaves no room for the block head.
+      {"tag", Patched(kAbXy, 7, 9),
+       "offset 6: a record with a tag of 9 bytes needs at least 19 bytes, but only 14 remain in the image"},
+      {"value", Patched(kAbXy, 11, 9),
+       "offset 10: the value length 9 of 'ab' differs from the length 8 in its block head (offset 16)"},
+      {"type", Patched(kAbXy, 13, 9), "offset 12: type code 9 of 'ab', expected 1 to 7"},
+      {"number", Patched(kAbXy, 13, 5), "offset 16: the numeric block of 'ab' is 8 bytes long, expected 10"},
+      {"tail", Fixed(kAbXy + "\x01", true),
+       "offset 20: expected a record (at least 10 bytes), but only 1 byte remains in the image"},
   };
-  std::vector<Case> cases;
-  cases.push_back(
-      {"short", kAbXy.substr(0, 5), "offset 0: the image has 5 bytes; a dump has at least its 6-byte header"});
-  cases.push_back({"longer", kAbXy + "z", "offset 0: the header gives a total length of 20 bytes, but the image has 21"});
-  cases.push_back({"mark", Patched(kAbXy, 3, 1), "offset 2: mark 0xCE01, expected 0xCE00"});
-  std::string sum = kAbXy;
-  sum[5] = char(0xCD);
-  cases.push_back({"sum", sum, "offset 4: checksum 0x01CD, expected 0x01CC (the byte sum of offsets 6 to 19)"});
-  // A tag length of 9 leaves no room for the block head.
-  cases.push_back({"tag", Patched(kAbXy, 7, 9),
-                   "offset 6: a record with a tag of 9 bytes needs at least 19 bytes, but only 14 remain "
-                   "in the image"});
-  cases.push_back({"value", Patched(kAbXy, 11, 9),
-                   "offset 10: the value length 9 of 'ab' differs from the length 8 in its block head "
-                   "(offset 16)"});
-  cases.push_back({"type", Patched(kAbXy, 13, 9), "offset 12: type code 9 of 'ab', expected 1 to 7"});
-  cases.push_back(
-      {"number", Patched(kAbXy, 13, 5), "offset 16: the numeric block of 'ab' is 8 bytes long, expected 10"});
-  cases.push_back(
-      {"tail", Fixed(kAbXy + "\x01", true), "offset 20: expected a record (at least 10 bytes), but only 1 byte remains in the image"});
-
-  // A nested collection whose list is one byte short of its block.
-  HCOLL h = collOpen(nullptr), inner = collOpen(nullptr);
-  collSetString(inner, "s", "v"); collSetColl(h, "in", inner);
-  HTABLE t = tableCreate(1, 0);
-  collSetTable(h, "tb", t);
-  const std::string nested = DumpOf(h);
-  tableDestroy(t); collClose(inner); collClose(h);
-  std::string gap = nested;
-  const size_t in = Find(gap, std::string("\x00\x02in", 4));
-  gap[in + 5] = char(gap[in + 5] + 1);    // value length
-  gap[in + 11] = char(gap[in + 11] + 1);  // block length
-  gap.insert(in + 6 + 32, 1, '\x00');
-  cases.push_back({"gap", Fixed(gap, true),
-                   "offset 44: expected a record (at least 10 bytes), but only 1 byte remains in nested "
-                   "collection 'in' (ending at offset 45)"});
-  std::string stored = nested;
-  const size_t tb = Find(stored, std::string("\x00\x02tb", 4));
-  stored[tb + 15] = char(stored[tb + 15] + 1);
-  cases.push_back({"stored", Fixed(stored),
-                   "offset 58: the stored length 19 of table 'tb' differs from its block length "
-                   "less the block head, 18"});
-
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.name); ASSERT_FALSE(LibraryLoads(c.image)); Write(c.name, c.image);
     const Result r = Tool("check " + c.name);
     EXPECT_EQ(r.status, 1); EXPECT_EQ(r.out, "");
@@ -475,25 +429,6 @@ TEST(CollctlText, UtcTextsRoundTrip) {
   for (const char *bad : {"2100-02-29T00:00:00Z", "1969-12-31T23:59:59Z", "2106-02-07T06:28:16Z",
                           "2023-11-14 22:13:20Z", "2023-11-14T24:00:00Z", "2023-13-01T00:00:00Z", ""})
     EXPECT_FALSE(collctl::ParseIsoUtc(bad, &t)) << bad;
-}
-
-TEST(CollctlReader, NestsAsDeepAsAnImageHolds) {
-  // Each level takes 25 bytes (a one-byte tag): 2620 levels and a number
-  // take 65521 of the 65535 bytes; one level more does not fit.
-  for (int depth : {2620, 2621}) {
-    std::string doc = R"({"items":[)";
-    for (int i = 0; i < depth; ++i) doc += R"({"tag":"c","type":"coll","items":[)";
-    doc += R"({"tag":"x","type":"numeric","value":7})";
-    for (int i = 0; i <= depth; ++i) doc += "]}";
-    if (depth == 2621) {
-      EXPECT_THROW(collctl::WriteImage(collctl::FromJson(collctl::Json::parse(doc))), std::runtime_error); continue;
-    }
-    const std::string image = collctl::WriteImage(collctl::FromJson(collctl::Json::parse(doc)));
-    EXPECT_EQ(image.size(), 65521u); ASSERT_TRUE(LibraryLoads(image)); collctl::Dump d;
-    ASSERT_FALSE(collctl::ReadImage(image, &d, nullptr)); EXPECT_EQ(ThroughJson(image), image);
-    const std::string tree = collctl::RenderTree(d.items);
-    EXPECT_EQ(tree.substr(tree.size() - 14), "x  numeric  7\n");
-  }
 }
 
 }  // namespace

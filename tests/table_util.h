@@ -12,6 +12,9 @@
 
 namespace testutil {
 
+// What the table calls return for "no row" or "no column".
+constexpr uint32_t kNone = 0xFFFFFFFFu;
+
 // "a||b" -> "a\0\0b\0".
 inline std::string Pack(std::string_view fields) {
   std::string p(fields);

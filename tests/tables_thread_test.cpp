@@ -1,17 +1,13 @@
-// Tables and the clipboard used by several threads at once: copies of one
-// table and of one table item change independently while the source never
-// changes, and exporting, importing and host threads share the clipboard.
+// Tables used by several threads at once: copies of one table and of one
+// table item change independently while the source never changes.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "coll.h"
-#include "coll_host.h"
 #include "store/store.h"
 #include "tables/table.h"
 #include "tests/table_util.h"
@@ -44,39 +40,6 @@ TEST(TableThreads, CopiesChangeIndependently) {
   EXPECT_EQ(failures.load(), 0); EXPECT_EQ(tableRowCount(source), 20u); collClose(common); tableDestroy(source);
   coll::LockGuard lock;
   for (uint32_t i = 0; i < coll::kSlots; ++i) EXPECT_EQ(coll::ps->tableData[i].data, nullptr);
-}
-
-TEST(ClipboardThreads, ExportImportAndHostShareTheClipboard) {
-  HTABLE t = testutil::MakeGrid("A|B/1|2");
-  ASSERT_EQ(tableSetSelection(t, 0), 1u); constexpr int kRounds = 2000;
-  std::atomic<int> bad{0};
-  std::vector<std::thread> threads;
-  for (int w = 0; w < 2; ++w)
-    threads.emplace_back([&, w] {
-      for (int i = 0; i < kRounds; ++i) bad += tableDataToClipboard(t, uint32_t(w + i) % 5) > 1;
-    });
-  threads.emplace_back([&] {
-    for (int i = 0; i < kRounds; ++i) {
-      // Only texts with a CR give a table: a names line, maybe a row.
-      if (HTABLE back = tableDataFromClipboard(0)) {
-        bad += tableColCount(back) != 2 || tableRowCount(back) > 1; tableDestroy(back);
-      }
-    }
-  });
-  threads.emplace_back([&] {
-    const std::string valid[] = {"A\tB", "1\t2", "A\tB\r\n1\t2", "A\tB\r\n1\t2\r", "host", ""};
-    for (int i = 0; i < kRounds; ++i) {
-      if (collHostOpenClipboard(9)) collHostCloseClipboard();
-      collHostSetClipboardText(i % 2 ? "host" : nullptr);
-      char buf[64] = {};
-      collHostGetClipboardText(buf, sizeof buf);
-      bad += std::find(std::begin(valid), std::end(valid), std::string(buf)) == std::end(valid);
-    }
-  });
-  for (auto &th : threads) th.join();
-  EXPECT_EQ(bad.load(), 0);
-  // Nobody keeps the clipboard open.
-  EXPECT_EQ(collHostOpenClipboard(9), 1u); EXPECT_EQ(collHostCloseClipboard(), 1u);
 }
 
 }  // namespace

@@ -145,17 +145,24 @@ static bool WalkFor(uint8_t *img, const char *tag, uint32_t n, ItemCursor *cur) 
   return false;
 }
 
-uint32_t FindAndSkipTag(uint8_t *img, const char *tag, uint32_t n) {
+// The first item of the tag in item order: through the index when one
+// serves, else by the walk.
+static bool FindTag(uint8_t *img, uint32_t hColl, const char *tag, uint32_t n, ItemCursor *cur) {
+  const int32_t found = hColl ? FindIndexed(hColl, img, tag, n, cur) : -1;
+  return found < 0 ? WalkFor(img, tag, n, cur) : found == 1;
+}
+
+uint32_t FindAndSkipTag(uint8_t *img, const char *tag, uint32_t n, uint32_t hColl) {
   uint32_t c;
   if (SearchCache(img, tag, n, &c)) return CheckOffset(img, c + n) ? c + n : kBadIndex;
   ItemCursor cur;
-  if (!WalkFor(img, tag, n, &cur)) return kBadIndex;
+  if (!FindTag(img, hColl, tag, n, &cur)) return kBadIndex;
   AddToCache(img, cur.p + 2);
   if (!CheckOffset(img, cur.p + 2 + cur.t)) return kBadIndex;
   return cur.p + 2 + cur.t;
 }
 
-uint32_t GetItemOffset(uint8_t *img, const char *tag, uint32_t n, uint32_t *t, uint32_t *p) {
+uint32_t GetItemOffset(uint8_t *img, const char *tag, uint32_t n, uint32_t *t, uint32_t *p, uint32_t hColl) {
   uint32_t c;
   if (SearchCache(img, tag, n, &c)) {
     *t = n;
@@ -163,7 +170,7 @@ uint32_t GetItemOffset(uint8_t *img, const char *tag, uint32_t n, uint32_t *t, u
     return 1;
   }
   ItemCursor cur;
-  if (!WalkFor(img, tag, n, &cur)) return 0;
+  if (!FindTag(img, hColl, tag, n, &cur)) return 0;
   *t = cur.t;
   *p = cur.p;
   return 1;
@@ -184,7 +191,7 @@ uint32_t RetrieveItem(uint32_t hColl, uint8_t **image, const char *tag, uint8_t 
   *dataLength = 0;
   *image = AccessColl(hColl);
   if (!*image) return 0;
-  uint32_t off = FindAndSkipTag(*image, tag, collstrlen(tag, 0xFFFFFFFFu));
+  uint32_t off = FindAndSkipTag(*image, tag, collstrlen(tag, 0xFFFFFFFFu), hColl);
   if (off == kBadIndex) return 0;
   *block = CollItems(*image) + off + 2;
   *dataLength = BlockDataLength(*block);

@@ -30,7 +30,7 @@ struct TagIndex {
 };
 
 constexpr uint32_t kMinSlots = 64;
-constexpr uint32_t kLane = 16;  // offsets shifted per vector step
+constexpr uint32_t kLane = 8;  // offsets shifted per vector step (16 bytes)
 
 uint32_t *Slots(TagIndex *x) { return reinterpret_cast<uint32_t *>(x + 1); }
 uint16_t *Offsets(TagIndex *x) { return reinterpret_cast<uint16_t *>(Slots(x) + x->slots); }
@@ -157,18 +157,23 @@ TagIndex *Build(uint8_t *img) {
 }
 
 // Subtracts size from every offset above p, a vector of offsets at a time.
+// (The offsets are compared as signed words with their top bit flipped,
+// which every vector unit can do.)
 void ShiftOffsets(TagIndex *x, uint32_t p, uint32_t size) {
   typedef uint16_t Lanes __attribute__((vector_size(2 * kLane)));
-  Lanes above, by;
+  typedef int16_t Signed __attribute__((vector_size(2 * kLane)));
+  Lanes flip, by;
+  Signed above;
   for (uint32_t i = 0; i < kLane; ++i) {
-    above[i] = static_cast<uint16_t>(p);
+    flip[i] = 0x8000;
+    above[i] = static_cast<int16_t>(p ^ 0x8000);
     by[i] = static_cast<uint16_t>(size);
   }
   uint16_t *offsets = Offsets(x);
   for (uint32_t i = 0; i < x->entries; i += kLane) {
     Lanes v;
     std::memcpy(&v, offsets + i, sizeof v);
-    v -= reinterpret_cast<Lanes>(v > above) & by;
+    v -= reinterpret_cast<Lanes>(reinterpret_cast<Signed>(v ^ flip) > above) & by;
     std::memcpy(offsets + i, &v, sizeof v);
   }
 }

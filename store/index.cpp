@@ -47,24 +47,43 @@ void Stamp(TagIndex *x, const uint8_t *img) {
   x->dataLength = static_cast<uint16_t>(CollDataLength(img));
 }
 
-// Eight tag bytes at a time, the letters a-z folded to A-Z (bytes of 128
-// and above are left alone), mixed by multiplication.
-uint64_t TagHash(const uint8_t *tag, uint32_t n) {
+// Folds the letters a-z among eight bytes to A-Z (bytes of 128 and above
+// are left alone).
+uint64_t FoldCase(uint64_t w) {
   constexpr uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
+  const uint64_t low7 = w & ~kHigh;
+  const uint64_t atLeastA = low7 + kOnes * (0x80 - 'a');
+  const uint64_t aboveZ = low7 + kOnes * (0x80 - 'z' - 1);
+  const uint64_t lower = atLeastA & ~aboveZ & ~w & kHigh;
+  return w ^ (lower >> 2);  // clears bit 5 of each lower-case letter
+}
+
+uint64_t Mix(uint64_t h, uint64_t w) {
   constexpr uint64_t kMul = 0x9E3779B97F4A7C15ull;
-  uint64_t h = n * kMul;
-  for (uint32_t i = 0; i < n; i += 8) {
-    uint64_t w = 0;
-    std::memcpy(&w, tag + i, n - i < 8 ? n - i : 8);
-    const uint64_t low7 = w & ~kHigh;
-    const uint64_t atLeastA = low7 + kOnes * (0x80 - 'a');
-    const uint64_t aboveZ = low7 + kOnes * (0x80 - 'z' - 1);
-    const uint64_t lower = atLeastA & ~aboveZ & ~w & kHigh;
-    w ^= lower >> 2;  // clears bit 5 of each lower-case letter
-    h = (h ^ w) * kMul;
-    h ^= h >> 29;
+  h = (h ^ FoldCase(w)) * kMul;
+  return h ^ (h >> 29);
+}
+
+// Eight tag bytes at a time; the last one to seven bytes are read by loads
+// that stay inside the tag (and may overlap).
+uint64_t TagHash(const uint8_t *tag, uint32_t n) {
+  uint64_t h = Mix(0, n);
+  uint32_t i = 0;
+  for (; i + 8 <= n; i += 8) {
+    uint64_t w;
+    std::memcpy(&w, tag + i, 8);
+    h = Mix(h, w);
   }
-  return h * kMul;
+  const uint32_t r = n - i;
+  if (r >= 4) {
+    uint32_t a, b;
+    std::memcpy(&a, tag + i, 4);
+    std::memcpy(&b, tag + n - 4, 4);
+    h = Mix(h, a | uint64_t(b) << 32);
+  } else if (r > 0) {
+    h = Mix(h, tag[i] | uint64_t(tag[i + r / 2]) << 8 | uint64_t(tag[n - 1]) << 16);
+  }
+  return h;
 }
 
 uint32_t Fragment(uint64_t hash) { return static_cast<uint32_t>(hash >> 48) << 16; }

@@ -245,6 +245,29 @@ void BM_Sqlite_DeleteReinsert(benchmark::State &state) {
   }
 }
 
+// ---- deletion and re-insertion of every tag in turn: each deletion is of
+// the first item, so the whole item area behind it moves
+void BM_Coll_DeleteReinsertCycling(benchmark::State &state) {
+  Coll c(static_cast<int>(state.range(0)));
+  if (c.full) state.SkipWithError("not every item fitted");
+  size_t i = 0;
+  for (auto _ : state) {
+    collSetItem(c.h, c.tags[i].c_str(), "", 0);
+    collSetNumeric(c.h, c.tags[i].c_str(), 7);
+    if (++i == c.tags.size()) i = 0;
+  }
+}
+void BM_Map_DeleteReinsertCycling(benchmark::State &state) {
+  auto tags = MakeTags(static_cast<int>(state.range(0)));
+  Map m = MakeMap(tags);
+  size_t i = 0;
+  for (auto _ : state) {
+    m.erase(tags[i]);
+    m[tags[i]] = bench::Value{5, 7, {}};
+    if (++i == tags.size()) i = 0;
+  }
+}
+
 // ---- a dump of small items (numbers and short texts) loaded into an empty
 // collection, beside building the same map
 constexpr int kReloadItems = 2000;
@@ -300,5 +323,7 @@ ITEMS(BM_Sqlite_SetString_ChangingLength);
 ITEMS_FULL(BM_Coll_DeleteReinsert);
 ITEMS_FULL(BM_Map_DeleteReinsert);
 ITEMS_FULL(BM_Sqlite_DeleteReinsert);
+ITEMS_FULL(BM_Coll_DeleteReinsertCycling);
+ITEMS_FULL(BM_Map_DeleteReinsertCycling);
 
 }  // namespace

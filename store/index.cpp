@@ -266,7 +266,8 @@ void IndexItemRemoving(uint32_t hColl, uint8_t *img, uint32_t p, uint32_t size) 
     offsets[e] = static_cast<uint16_t>(q);
   }
   offsets[last] = 0;
-  ShiftOffsets(x, p, size);
+  // Only the items behind the removed one move (none behind the last).
+  if (p + size < x->dataLength) ShiftOffsets(x, p, size);
   x->count = static_cast<uint16_t>(x->count - 1);
   x->dataLength = static_cast<uint16_t>(x->dataLength - size);
 }

@@ -88,27 +88,12 @@ uint64_t TagHash(const uint8_t *tag, uint32_t n) {
 
 uint32_t Fragment(uint64_t hash) { return static_cast<uint32_t>(hash >> 48) << 16; }
 
-// Adds entry e (already in the offsets) under hash; false when the tag is
-// there already (an image holding a tag twice gets no index).
-bool Insert(TagIndex *x, const uint8_t *items, uint64_t hash, uint32_t e, uint32_t n) {
-  uint32_t *slots = Slots(x);
-  const uint16_t *offsets = Offsets(x);
-  const uint32_t mask = x->slots - 1;
-  for (uint32_t s = static_cast<uint32_t>(hash) & mask;; s = (s + 1) & mask) {
-    const uint32_t v = slots[s];
-    if (v == 0) {
-      slots[s] = Fragment(hash) | (e + 1);
-      return true;
-    }
-    if ((v & 0xFFFF0000u) != Fragment(hash)) continue;
-    const uint32_t p = offsets[(v & 0xFFFF) - 1];
-    if (rd16(items + p) == n && AsciiEqualN(items + p + 2, items + offsets[e] + 2, n)) return false;
-  }
-}
+uint32_t EntryOf(uint32_t slot) { return (slot & 0xFFFF) - 1; }
 
-// The slot holding the tag of n bytes; kBadIndex when none does. Every
-// offset the index gives is tested against the image before it is used.
-uint32_t Probe(TagIndex *x, const uint8_t *img, const uint8_t *tag, uint32_t n, uint64_t hash) {
+// Walks the run of slots from the tag's home: gives the slot that holds the
+// tag (found), or the empty slot that ends the run. Every offset the index
+// gives is tested against the image before it is read.
+uint32_t Probe(TagIndex *x, const uint8_t *img, const uint8_t *tag, uint32_t n, uint64_t hash, bool *found) {
   const uint32_t *slots = Slots(x);
   const uint16_t *offsets = Offsets(x);
   const uint8_t *items = CollItems(img);
@@ -116,21 +101,35 @@ uint32_t Probe(TagIndex *x, const uint8_t *img, const uint8_t *tag, uint32_t n, 
   const uint32_t mask = x->slots - 1;
   for (uint32_t s = static_cast<uint32_t>(hash) & mask;; s = (s + 1) & mask) {
     const uint32_t v = slots[s];
-    if (v == 0) return kBadIndex;
+    *found = v != 0;
+    if (v == 0) return s;
     if ((v & 0xFFFF0000u) != Fragment(hash)) continue;
-    const uint32_t p = offsets[(v & 0xFFFF) - 1];
+    const uint32_t p = offsets[EntryOf(v)];
     if (p + 4 + n <= dl && rd16(items + p) == n && AsciiEqualN(items + p + 2, tag, n)) return s;
   }
 }
 
-// Empties slot s, moving later slots of the same run back (no tombstones).
-void EraseSlot(TagIndex *x, uint32_t s, const uint8_t *items) {
+// Adds entry e, whose offset is in place and names the item cur; false when
+// the tag is there already (an image holding a tag twice gets no index).
+bool Insert(TagIndex *x, const uint8_t *img, uint32_t e, const ItemCursor &cur) {
+  const uint64_t hash = TagHash(cur.tag, cur.t);
+  bool found;
+  const uint32_t s = Probe(x, img, cur.tag, cur.t, hash, &found);
+  if (found) return false;
+  Slots(x)[s] = Fragment(hash) | (e + 1);
+  return true;
+}
+
+// Empties slot s, moving later slots of the same run back (no tombstones);
+// false when an entry names no item of img.
+bool EraseSlot(TagIndex *x, uint8_t *img, uint32_t s) {
   uint32_t *slots = Slots(x);
   const uint16_t *offsets = Offsets(x);
   const uint32_t mask = x->slots - 1;
   for (uint32_t next = (s + 1) & mask; slots[next] != 0; next = (next + 1) & mask) {
-    const uint32_t p = offsets[(slots[next] & 0xFFFF) - 1];
-    const uint32_t home = static_cast<uint32_t>(TagHash(items + p + 2, rd16(items + p))) & mask;
+    ItemCursor cur;
+    if (!ItemAt(img, offsets[EntryOf(slots[next])], &cur)) return false;
+    const uint32_t home = static_cast<uint32_t>(TagHash(cur.tag, cur.t)) & mask;
     // The entry may move to s when s lies on its way from home to next.
     if (((next - home) & mask) >= ((next - s) & mask)) {
       slots[s] = slots[next];
@@ -138,6 +137,31 @@ void EraseSlot(TagIndex *x, uint32_t s, const uint8_t *items) {
     }
   }
   slots[s] = 0;
+  return true;
+}
+
+// Takes the item at p out of the index; the last entry moves into its place,
+// so that the offsets stay dense. False when the index does not hold it.
+bool Unlink(TagIndex *x, uint8_t *img, uint32_t p) {
+  ItemCursor cur;
+  bool found;
+  if (!Describes(x, img) || x->entries <= 1 || !ItemAt(img, p, &cur)) return false;
+  uint32_t *slots = Slots(x);
+  uint16_t *offsets = Offsets(x);
+  const uint32_t s = Probe(x, img, cur.tag, cur.t, TagHash(cur.tag, cur.t), &found);
+  if (!found || offsets[EntryOf(slots[s])] != p) return false;
+  const uint32_t e = EntryOf(slots[s]);
+  if (!EraseSlot(x, img, s)) return false;
+  const uint32_t last = --x->entries;
+  if (e != last) {
+    if (!ItemAt(img, offsets[last], &cur)) return false;
+    const uint32_t moved = Probe(x, img, cur.tag, cur.t, TagHash(cur.tag, cur.t), &found);
+    if (!found) return false;
+    slots[moved] = (slots[moved] & 0xFFFF0000u) | (e + 1);
+    offsets[e] = offsets[last];
+  }
+  offsets[last] = 0;
+  return true;
 }
 
 void Drop(uint32_t hColl) {
@@ -158,14 +182,13 @@ TagIndex *Build(uint8_t *img) {
   x->slots = slots;
   x->limit = limit;
   x->entries = count;
-  const uint8_t *items = CollItems(img);
   uint16_t *offsets = Offsets(x);
   ItemCursor cur;
   uint32_t p = 0;
   for (uint32_t e = 0; e < count; ++e, p = NextItemOffset(cur)) {
     if (!ItemAt(img, p, &cur) || cur.t == 0) break;
     offsets[e] = static_cast<uint16_t>(p);
-    if (!Insert(x, items, TagHash(cur.tag, cur.t), e, cur.t)) break;
+    if (!Insert(x, img, e, cur)) break;
     if (e + 1 == count) {
       Stamp(x, img);
       return x;
@@ -213,9 +236,10 @@ int32_t FindIndexed(uint32_t hColl, uint8_t *img, const char *tag, uint32_t n, I
     SetIndex(hColl, x);
   }
   const uint8_t *t = reinterpret_cast<const uint8_t *>(tag);
-  const uint32_t s = Probe(x, img, t, n, TagHash(t, n));
-  if (s == kBadIndex) return 0;
-  return ItemAt(img, Offsets(x)[(Slots(x)[s] & 0xFFFF) - 1], cur) ? 1 : -1;
+  bool found;
+  const uint32_t s = Probe(x, img, t, n, TagHash(t, n), &found);
+  if (!found) return 0;
+  return ItemAt(img, Offsets(x)[EntryOf(Slots(x)[s])], cur) ? 1 : -1;
 }
 
 void IndexItemAdded(uint32_t hColl, uint8_t *img, uint32_t p) {
@@ -235,7 +259,7 @@ void IndexItemAdded(uint32_t hColl, uint8_t *img, uint32_t p) {
   }
   const uint32_t e = x->entries++;
   Offsets(x)[e] = static_cast<uint16_t>(p);
-  if (!Insert(x, CollItems(img), TagHash(cur.tag, cur.t), e, cur.t)) {
+  if (!Insert(x, img, e, cur)) {
     Drop(hColl);
     return;
   }
@@ -245,27 +269,10 @@ void IndexItemAdded(uint32_t hColl, uint8_t *img, uint32_t p) {
 void IndexItemRemoving(uint32_t hColl, uint8_t *img, uint32_t p, uint32_t size) {
   TagIndex *x = IndexOf(hColl);
   if (!x) return;
-  ItemCursor cur;
-  const uint32_t s =
-      Describes(x, img) && ItemAt(img, p, &cur) ? Probe(x, img, cur.tag, cur.t, TagHash(cur.tag, cur.t)) : kBadIndex;
-  uint32_t *slots = Slots(x);
-  uint16_t *offsets = Offsets(x);
-  if (s == kBadIndex || offsets[(slots[s] & 0xFFFF) - 1] != p || x->entries == 1) {
+  if (!Unlink(x, img, p)) {
     Drop(hColl);
     return;
   }
-  const uint8_t *items = CollItems(img);
-  const uint32_t e = (slots[s] & 0xFFFF) - 1;
-  EraseSlot(x, s, items);
-  // The last entry takes the freed place, so the offsets stay dense.
-  const uint32_t last = --x->entries;
-  if (e != last) {
-    const uint32_t q = offsets[last];
-    const uint32_t moved = Probe(x, img, items + q + 2, rd16(items + q), TagHash(items + q + 2, rd16(items + q)));
-    slots[moved] = (slots[moved] & 0xFFFF0000u) | (e + 1);
-    offsets[e] = static_cast<uint16_t>(q);
-  }
-  offsets[last] = 0;
   // Only the items behind the removed one move (none behind the last).
   if (p + size < x->dataLength) ShiftOffsets(x, p, size);
   x->count = static_cast<uint16_t>(x->count - 1);

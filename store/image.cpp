@@ -85,14 +85,23 @@ bool ItemAt(uint8_t *img, uint32_t p, ItemCursor *cur) {
   return true;
 }
 
+// True when the n stored tag bytes equal tag without regard to case. Tags
+// often share their beginnings ("item1", "item2", ...), so the last
+// character (lower-cased in last) is compared first.
+static bool SameTag(const uint8_t *stored, const char *tag, uint32_t n, uint8_t last) {
+  return n == 0 || (AsciiLower(stored[n - 1]) == last && AsciiEqualN(stored, tag, n));
+}
+static uint8_t LastOf(const char *tag, uint32_t n) { return n ? AsciiLower(static_cast<uint8_t>(tag[n - 1])) : 0; }
+
 uint32_t SearchCache(const uint8_t *img, const char *tag, uint32_t n, uint32_t *c) {
   const uint8_t *items = CollItems(img);
   uint32_t dl = CollDataLength(img);
+  const uint8_t last = LastOf(tag, n);
   for (uint32_t i = 0; i < COLL_CACHE_SIZE; ++i) {
     uint32_t e = rd32(img + ch::tagCache + 4 * i);
     if (e == 0) return 0;
     if (e < 2 || e > dl || n > dl - e) continue;
-    if (rd16(items + e - 2) == n && AsciiEqualN(items + e, tag, n)) {
+    if (rd16(items + e - 2) == n && SameTag(items + e, tag, n, last)) {
       *c = e;
       return 1;
     }
@@ -122,21 +131,19 @@ void DeleteFromCache(uint8_t *img, uint32_t c) {
 }
 
 // Walks the items for tag; gives the item's cursor. Bounds are tested at
-// every step, so a damaged image reads as "not found". Tags often share
-// their beginnings ("item1", "item2", ...), so a candidate of the right
-// length is screened by its last character before the full comparison.
+// every step, so a damaged image reads as "not found".
 static bool WalkFor(uint8_t *img, const char *tag, uint32_t n, ItemCursor *cur) {
   if (n == 0) return false;
   const uint32_t count = CollItemCount(img);
   const uint32_t dl = CollDataLength(img);
   const uint8_t *items = CollItems(img);
-  const uint8_t last = AsciiLower(static_cast<uint8_t>(tag[n - 1]));
+  const uint8_t last = LastOf(tag, n);
   uint32_t p = 0;
   for (uint32_t i = 0; i < count; ++i) {
     if (p + 4 > dl) return false;
     const uint32_t t = rd16(items + p);
     if (t > dl - p - 4) return false;
-    if (t == n && AsciiLower(items[p + 1 + t]) == last && AsciiEqualN(items + p + 2, tag, n))
+    if (t == n && SameTag(items + p + 2, tag, n, last))
       return ItemAt(img, p, cur);
     const uint32_t b = rd16(items + p + 2 + t);
     if (b > dl - p - 4 - t) return false;

@@ -289,10 +289,4 @@ int32_t TagIndexEntries(uint32_t hColl, const uint8_t *img) {
   return Describes(x, img) ? static_cast<int32_t>(x->entries) : -2;
 }
 
-uint32_t TagIndexBytes(uint32_t hColl) {
-  const TagIndex *x = hColl - kCollBase < kSlots ? IndexOf(hColl) : nullptr;
-  return x ? static_cast<uint32_t>(sizeof(TagIndex) + 4 * x->slots + 2 * ((x->limit + kLane - 1) / kLane * kLane))
-           : 0;
-}
-
 }  // namespace coll

@@ -111,8 +111,6 @@ void DropTagIndex(uint32_t hColl);
 // For checks: the number of tags in hColl's index, -1 when it has none, -2
 // when it no longer describes img (it is rebuilt on the next lookup).
 int32_t TagIndexEntries(uint32_t hColl, const uint8_t *img);
-// The bytes the index of hColl takes (0 when it has none).
-uint32_t TagIndexBytes(uint32_t hColl);
 
 // ---- pointer tests and strings (no lock needed)
 // Non-zero when the memory is not accessible; size 0 always passes; for

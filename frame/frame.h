@@ -52,6 +52,8 @@ struct CollState {
   uint8_t *queueBuf[kSlots];
   uint32_t queueLen[kSlots];
   uint32_t queueChunks[kSlots];
+  // The tag index beside each collection image (store/index.cpp), or null.
+  void *tagIndex[kSlots];
   // Changes whenever a transaction ends or a collection is destroyed;
   // AccessColl sleeps on it while another thread's transaction holds a
   // collection.

@@ -409,4 +409,35 @@ TEST(AllocFailure, TaskAbort) {
   });
 }
 
+// The tag index is built, grown and dropped as allocations fail; the results
+// stay those of the walk.
+TEST(AllocFailure, TagIndex) {
+  ForEveryAllocation([] {
+    HCOLL h = collOpen("index"), into = collOpen("into");
+    if (!h || !into) {
+      collClose(h);
+      collClose(into);
+      return;
+    }
+    bool stored[60] = {};
+    auto tag = [](int i) { return "t" + std::to_string(i); };
+    for (int i = 0; i < 60; ++i) stored[i] = collSetNumeric(h, tag(i).c_str(), i + 1) == 1;
+    for (int i = 10; i < 60; i += 7) {
+      // Deletions in the middle and moves to the end.
+      if (i % 2) stored[i] = stored[i] && collSetItem(h, tag(i).c_str(), "", 0) != 1;
+      else collSetString(h, tag(i).c_str(), "moved");
+    }
+    for (int i = 0; i < 60; ++i) {
+      if (i >= 10 && (i - 10) % 7 == 0) continue;
+      EXPECT_EQ(collGetNumeric(h, tag(i).c_str()), stored[i] ? i + 1 : 0) << i;
+    }
+    std::string image(collDumpItems(h, nullptr, 0), '\0');
+    if (!image.empty() && collDumpItems(h, image.data(), static_cast<uint32_t>(image.size()))) {
+      EXPECT_KEEPS_ON_FAILURE(collLoadItems(into, image.data(), static_cast<uint32_t>(image.size())), 0u);
+    }
+    collClose(h);
+    collClose(into);
+  });
+}
+
 }  // namespace

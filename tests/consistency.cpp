@@ -1,5 +1,7 @@
 #include "tests/consistency.h"
 
+#include <unordered_map>
+
 #include "frame/frame.h"
 #include "store/store.h"
 #include "tables/table.h"
@@ -26,9 +28,13 @@ std::string CheckCollection(uint32_t h, uint8_t *img, uint32_t *collNamed, uint3
   if (CollPages(img) > COLL_MAX_PAGES) return where + "too many pages";
   if (COLL_HEADER_SIZE + dl > CollPages(img) * COLL_PAGE) return where + "data past the pages";
   uint32_t p = 0, count = 0;
+  std::unordered_map<std::string, uint32_t> first;  // tag in upper case -> its first item
   while (p < dl) {
     ItemCursor cur;
     if (!ItemAt(img, p, &cur)) return where + "item runs past the data at " + std::to_string(p);
+    std::string key(reinterpret_cast<const char *>(cur.tag), cur.t);
+    for (char &c : key) c = static_cast<char>(AsciiUpper(static_cast<uint8_t>(c)));
+    first.emplace(key, p);
     if (cur.t == 0) return where + "empty tag at " + std::to_string(p);
     if (cur.b < ITEM_BLOCK_HEAD || BlockLength(cur.block) != cur.b)
       return where + "block length mismatch at " + std::to_string(p);
@@ -54,6 +60,17 @@ std::string CheckCollection(uint32_t h, uint8_t *img, uint32_t *collNamed, uint3
   if (p != dl) return where + "walk does not end at the data length";
   if (count != CollItemCount(img))
     return where + "item count " + std::to_string(CollItemCount(img)) + " but " + std::to_string(count) + " items";
+  // The tag index, where there is one, answers what the walk answers.
+  if (const int32_t indexed = TagIndexEntries(h, img); indexed != -1) {
+    if (indexed == -2) return where + "tag index left behind by a change";
+    if (static_cast<uint32_t>(indexed) != first.size())
+      return where + "tag index of " + std::to_string(indexed) + " tags, " + std::to_string(first.size()) + " in the walk";
+    for (const auto &[key, q] : first) {
+      ItemCursor cur;
+      if (FindIndexed(h, img, key.data(), static_cast<uint32_t>(key.size()), &cur) != 1 || cur.p != q)
+        return where + "tag index misplaces " + key;
+    }
+  }
   for (uint32_t i = 0; i < COLL_CACHE_SIZE; ++i) {
     const uint32_t e = rd32(img + ch::tagCache + 4 * i);
     if (e == 0) continue;

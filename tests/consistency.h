@@ -10,7 +10,9 @@ namespace testutil {
 // Walks every live collection, table and table data record and checks that
 // they agree with each other:
 //  - each collection image: the item walk ends at dataLength, itemCount
-//    agrees, cache entries point at tags, pages hold the data;
+//    agrees, cache entries point at tags, pages hold the data; its tag
+//    index, where it has one, describes it and finds every tag where the
+//    walk finds it first;
 //  - each table or collection item names a live object owned by that
 //    collection, each owned object is named by exactly one item of its
 //    owner, and every chain of owners ends at a top-level collection;

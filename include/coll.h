@@ -16,6 +16,17 @@
 
 #include <stdint.h>
 
+/* The library's version (the build takes it from here; the shared object's
+ * soname carries the major number). */
+#define COLL_VERSION_MAJOR 0
+#define COLL_VERSION_MINOR 1
+#define COLL_VERSION_PATCH 0
+#define COLL_VERSION_TEXT_(a, b, c) #a "." #b "." #c
+#define COLL_VERSION_TEXT(a, b, c) COLL_VERSION_TEXT_(a, b, c)
+/* "MAJOR.MINOR.PATCH" and MAJOR * 10000 + MINOR * 100 + PATCH. */
+#define COLL_VERSION_STRING COLL_VERSION_TEXT(COLL_VERSION_MAJOR, COLL_VERSION_MINOR, COLL_VERSION_PATCH)
+#define COLL_VERSION_NUMBER (COLL_VERSION_MAJOR * 10000 + COLL_VERSION_MINOR * 100 + COLL_VERSION_PATCH)
+
 /* The platform's standard calling convention (stdcall on 32-bit Win32). */
 #if defined(_WIN32) && !defined(_WIN64)
 #define COLLAPI __stdcall

@@ -243,7 +243,7 @@ COLL_EXPORT uint32_t COLLAPI collMerge(HCOLL hDest, HCOLL hSource);
  * rule (output length + 1; null buffer and size 0 for the length):
  *   !tag.  the item as collGetString gives it, up to its first zero byte;
  *          nothing for a missing tag, a table or a collection (a tag runs
- *          to the next '.' and may hold '!'; at most 127 characters)
+ *          to the next '.' and may hold '!')
  *   !.     the collection's name
  *   !!     one '!'; a '!' at the end, or one with no '.' after it, stays
  *          with the rest of the template as it is

@@ -177,9 +177,9 @@ COLL_EXPORT uint32_t COLLAPI collSetItem(HCOLL hColl, const char *tag, const voi
  * size 0 asks for the result only. 0 for a missing tag, another type or an
  * invalid handle. */
 COLL_EXPORT uint32_t COLLAPI collGetItem(HCOLL hColl, const char *tag, void *buffer, uint32_t size);
-/* Like collGetItem into a buffer of the caller's: calls allocate(k + 1) and
- * fills it (raw: the n bytes and a zero, *length = n; text: the text and its
- * zero, *length = length + 1). The buffer belongs to the caller, who frees
+/* Like collGetItem into a buffer of the caller's: sets *length to what
+ * collGetItem returns, calls allocate(*length + 1) and fills it (raw: the
+ * bytes and a zero; text: the text and its zero). The buffer belongs to the caller, who frees
  * it by the means that match allocate, which runs under the library's lock
  * and must not call the library. Null (*length 0) for a missing tag or an
  * invalid handle; another type gives *length 0 and an unwritten 1-byte

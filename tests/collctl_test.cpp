@@ -530,9 +530,15 @@ TEST_F(Collctl, ReportsBadUsageAndMissingFiles) {
   Result r = Tool("show missing.dump");
   EXPECT_EQ(r.status, 2);
   EXPECT_EQ(r.err, "collctl: cannot read missing.dump: No such file or directory\n");
+  r = Tool("show .");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err, "collctl: cannot read .: Is a directory\n");
   r = Tool("");
   EXPECT_EQ(r.status, 2);
-  EXPECT_NE(r.err.find("collctl: A subcommand is required"), std::string::npos);
+  EXPECT_EQ(r.err, "collctl: give a command: show, build, check, ini, table (see 'collctl --help')\n");
+  r = Tool("table shwo");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err, "collctl: unknown command 'table shwo'; the table commands are: import, export\n");
   r = Tool("show");
   EXPECT_EQ(r.status, 2);
   EXPECT_NE(r.err.find("FILE is required"), std::string::npos) << r.err;
@@ -773,6 +779,35 @@ TEST(CollctlReader, NestsAsDeepAsAnImageHolds) {
   doc.insert(doc.find('[') + 1, R"({"tag":"c","type":"coll","items":[)");
   doc.insert(doc.size() - 2, "]}");
   EXPECT_THROW(collctl::WriteImage(collctl::FromJson(collctl::Json::parse(doc))), std::runtime_error);
+}
+
+TEST_F(Collctl, VersionStdinProfileRaggedRowsAndTerminals) {
+  EXPECT_EQ(std::string(COLL_VERSION_STRING), COLL_PROJECT_VERSION);
+  EXPECT_EQ(Tool("--version").out, "collctl " COLL_PROJECT_VERSION "\n");
+  // A repeated key and an empty value: counted as the section shows them.
+  const std::string ini = "[S]\nk=1\nK=2\ne=\n";
+  EXPECT_EQ(Tool("ini --file -", ini).out, "[S]  1 key\n");
+  EXPECT_EQ(Tool("ini --file - S", ini).out, "[S] of (stdin): 1 item\nK  string   \"1\"\n");
+
+  Result r = Tool("table import - -o t.dump", "A\tB\n1\t2\t3\n4\t5\t6\n7\t8\n");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.err, "collctl: warning: (stdin): line 2 has 3 fields for 2 columns (and so does 1 more); "
+                   "the fields past the last column are dropped\n");
+  r = Tool("table import - --strict -o s.dump", "A\tB\n1\t2\n3\n");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "collctl: (stdin): line 3 has 1 field for 2 columns (--strict)\n");
+  EXPECT_FALSE(fs::exists(Path("s.dump")));
+
+  // Binary output goes to a file or a pipe, never to a terminal.
+  if (std::system("command -v script >/dev/null 2>&1") != 0) GTEST_SKIP() << "no script(1) for a terminal";
+  Write("t.tsv", "A\n1\n");
+  const std::string cmd = "cd " + Quoted(dir_.string()) + " && script -qec " +
+                          Quoted(Quoted(COLLCTL_PATH) + " table import t.tsv; echo rc=$?") +
+                          " /dev/null </dev/null >.out 2>&1";
+  ASSERT_EQ(std::system(cmd.c_str()), 0);
+  r.out = Read(".out");
+  EXPECT_NE(r.out.find("a binary dump is not written to a terminal"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("rc=2"), std::string::npos) << r.out;
 }
 
 }  // namespace

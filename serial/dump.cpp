@@ -4,8 +4,8 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
-// With gcc or clang on x86-64, the checksum uses 32-byte sums where the
-// processor has them (chosen when the library runs).
+// With gcc or clang on x86-64, the checksum and the copies of a dump work 32
+// bytes at a time where the processor can (chosen when the library runs).
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 #define COLL_SUM_AVX2 1
 #include <immintrin.h>
@@ -104,6 +104,7 @@ uint32_t SumBytes(uint8_t *dst, const uint8_t *src, uint32_t n) {
   uint32_t sum = 0;
   uint32_t i = 0;
 #if COLL_SUM_AVX2
+  // (The call pays for itself from a few blocks on.)
   if (n >= 128 && HaveAvx2()) i = SumBlocksAvx2<kCopy>(dst, src, n, &sum);
 #endif
 #if defined(__SSE2__)

@@ -117,6 +117,7 @@ void DestroyTableHandle(uint32_t hTable) {
       }
       rec.data = nullptr;
       rec.refCount = 0;
+      DropRowIndex(&rec);
     } else {
       --rec.refCount;
     }

@@ -29,18 +29,20 @@ constexpr uint32_t DUMP_TABLE_SHRINK = 30;
 // ---- writer (REQUIRES: lock held)
 
 // Where a dump is being written: never past size bytes; failed is set
-// instead of writing past the end.
+// instead of writing past the end. sum is the byte sum of what the writers
+// below have written (placeholders counted as they end up).
 struct DumpWriter {
   uint8_t *buf;
   uint32_t size;
   uint32_t pos;
   bool failed;
+  uint32_t sum;
 };
 void cpyWord(DumpWriter *out, uint32_t value);
-void cpyLong(DumpWriter *out, uint32_t value);
 void cpyBytes(DumpWriter *out, const void *bytes, uint32_t n);
 void cpyhdr(DumpWriter *out, uint32_t type, uint32_t tranFlag, uint32_t length);
-void cpytablehdr(DumpWriter *out, const uint8_t *tableHeader);
+// The stored table header (DUMP_STORED_TABLE bytes) at p; their byte sum.
+uint32_t cpytablehdr(uint8_t *p, const uint8_t *tableHeader);
 void cpycollhdr(DumpWriter *out, const uint8_t *collImage);
 
 // Bytes of the item records of the collection image (the dump header not

@@ -112,6 +112,28 @@ std::string CheckTable(uint32_t h, uint8_t *hdr) {
   return {};
 }
 
+// The row index of a table's data record, where there is one, and the
+// position cache, where valid, give what a scan from the start gives.
+std::string CheckRowIndex(uint32_t h, const uint8_t *hdr) {
+  const std::string where = "table " + Hex(h) + ": ";
+  const uint8_t *data = TableData(hdr);
+  const uint32_t end = TableDataLength(hdr), cols = TableCols(hdr);
+  if (rd32(hdr + th::cacheValid)) {
+    const uint32_t index = rd32(hdr + th::cacheIndex), offset = rd32(hdr + th::cacheOffset);
+    if (SkipStrings(data, 0, index, end) != offset)
+      return where + "position cache: string " + std::to_string(index) + " at " + std::to_string(offset);
+  }
+  const TableDataRec &rec = ps->tableData[TableDataIndex(hdr)];
+  if (!rec.rowStart) return {};
+  if (rec.rowStartCount != TableRows(hdr) + 2 || rec.rowStartCount > rec.rowStartCapacity)
+    return where + "row index of " + std::to_string(rec.rowStartCount) + " entries";
+  for (uint32_t k = 0, offset = 0; k < rec.rowStartCount; offset = SkipStrings(data, offset, cols, end), ++k)
+    if (rec.rowStart[k] != offset)
+      return where + "row index entry " + std::to_string(k) + " is " + std::to_string(rec.rowStart[k]) +
+             ", the row starts at " + std::to_string(offset);
+  return {};
+}
+
 }  // namespace
 
 std::string CheckState() {
@@ -131,6 +153,7 @@ std::string CheckState() {
     if (!hdr) continue;
     if (slot > ps->tableHigh) return "table slot " + std::to_string(slot) + " above tableHigh";
     std::string fault = CheckTable(kTableBase + slot, hdr);
+    if (fault.empty()) fault = CheckRowIndex(kTableBase + slot, hdr);
     if (!fault.empty()) return fault;
     ++refs[TableDataIndex(hdr)];
   }
@@ -141,6 +164,7 @@ std::string CheckState() {
              std::to_string(refs[i]) + " headers";
     if (refs[i] && !rec.data) return "data record " + std::to_string(i) + " in use without data";
     if (!refs[i] && rec.data) return "data record " + std::to_string(i) + " holds data but no header";
+    if (!rec.data && rec.rowStart) return "data record " + std::to_string(i) + " free but indexed";
   }
   // Every chain of owners ends at a top-level collection: no collection owns
   // itself, directly or through others.

@@ -18,6 +18,8 @@ namespace testutil {
 //    owner, and every chain of owners ends at a top-level collection;
 //  - each table header passes isBadTablePtr, and its cols + rows * cols + 5
 //    strings lie within its data length;
+//  - each table's position cache, where valid, and the row index of its
+//    data record, where there is one, agree with a scan of the strings;
 //  - each table data record's reference count equals the number of live
 //    headers naming it, and a record in use has data.
 // Empty when consistent, else a description of the first fault found.

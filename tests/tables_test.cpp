@@ -12,6 +12,7 @@
 #include "platform/platform.h"
 #include "store/store.h"
 #include "tables/table.h"
+#include "tests/consistency.h"
 #include "tests/test_util.h"
 
 namespace {
@@ -743,4 +744,72 @@ TEST(TableAllocFailure, EveryAllocationFailsInTurn) {
     if (made < n) break;
     ASSERT_LT(n, 1000u);
   }
+}
+
+// Changes of every kind between reads at random places, through a table and
+// a copy sharing its block: every field equals the model's, and the row index
+// (built by the far reads) stays in step with the strings.
+TEST(TableRowIndex, FollowsEveryChange) {
+  std::mt19937 rng(15);
+  const uint32_t cols = 3;
+  std::vector<Row> model(1, Row(cols)), copyModel;  // names first, then rows
+  HTABLE t = tableCreate(cols, 0), copy = 0;
+  auto text = [&] { return std::string(rng() % 6, char('a' + rng() % 26)); };
+  for (int i = 0; i < 2500; ++i) {
+    const uint32_t rows = uint32_t(model.size() - 1), r = rows ? uint32_t(rng() % rows) : 0;
+    Row fields(cols);
+    for (std::string &f : fields) f = text();
+    switch (rng() % 8) {
+      case 0:
+      case 1:
+        if (rows) {
+          const uint32_t c = uint32_t(rng() % cols);
+          model[r + 1][c] = text();
+          ASSERT_EQ(tableSetItem(t, int32_t(r), c, model[r + 1][c].c_str()), 1u);
+        }
+        break;
+      case 2: {
+        const uint32_t at = uint32_t(rng() % (rows + 1));
+        ASSERT_EQ(tableAddRow(t, at), 1u);
+        model.insert(model.begin() + at + 1, Row(cols));
+        break;
+      }
+      case 3:
+        if (rows > 20) {
+          tableDeleteRow(t, r);
+          model.erase(model.begin() + r + 1);
+        }
+        break;
+      case 4:
+        if (rows) {
+          ASSERT_EQ(SetRow(t, r, fields), 1u);
+          model[r + 1] = fields;
+        }
+        break;
+      case 5:
+        ASSERT_EQ(SetRow(t, uint32_t(ROW_APPEND), fields), 1u);
+        model.push_back(fields);
+        break;
+      case 6:
+        ASSERT_EQ(SetRow(t, uint32_t(ROW_NAMES), fields), 1u);
+        ASSERT_EQ(tableSetItem(t, ROW_HEADER, uint32_t(-2), text().c_str()), 1u);
+        model[0] = fields;
+        break;
+      default:
+        tableDestroy(copy);
+        copy = tableCopy(t, 0);
+        copyModel = model;
+    }
+    for (int k = 0; k < 4; ++k) {
+      const uint32_t at = uint32_t(rng() % model.size()), c = uint32_t(rng() % cols);
+      ASSERT_EQ(Field(t, int32_t(at) - 1, c), model[at][c]) << i;
+      if (copy) {
+        const uint32_t in = uint32_t(at % copyModel.size());
+        ASSERT_EQ(Field(copy, int32_t(in) - 1, c), copyModel[in][c]) << i;
+      }
+    }
+    ASSERT_EQ(testutil::CheckState(), "") << i;
+  }
+  tableDestroy(copy);
+  tableDestroy(t);
 }

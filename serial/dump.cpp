@@ -37,7 +37,8 @@ uint8_t *Snapshot(const uint8_t *img) {
 
 // The stored value block of an item, or null when the item is damaged:
 // its block length word differs from the block's own length, its type is
-// unknown, or a fixed-size value has the wrong size.
+// unknown, or a value is too short for its type. A number or time may carry
+// bytes after its value (a load keeps them); they are written unchanged.
 inline const uint8_t *SoundBlock(const ItemCursor &cur) {
   const uint8_t *blk = cur.block;
   if (cur.b < ITEM_BLOCK_HEAD || BlockLength(blk) != cur.b || !KnownType(BlockType(blk))) return nullptr;
@@ -47,7 +48,7 @@ inline const uint8_t *SoundBlock(const ItemCursor &cur) {
       return cur.b >= ITEM_BLOCK_HEAD + 4 ? blk : nullptr;
     case COLLTYPE_TIME:
     case COLLTYPE_NUMERIC:
-      return cur.b == ITEM_BLOCK_HEAD + 4 ? blk : nullptr;
+      return cur.b >= ITEM_BLOCK_HEAD + 4 ? blk : nullptr;
     default:
       return blk;
   }

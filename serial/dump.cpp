@@ -38,7 +38,7 @@ uint8_t *Snapshot(const uint8_t *img) {
 // The stored value block of an item, or null when the item is damaged:
 // its block length word differs from the block's own length, its type is
 // unknown, or a value is too short for its type. A number or time may carry
-// bytes after its value (a load keeps them); they are written unchanged.
+// bytes after its value (a load keeps them); they are written as zeros.
 inline const uint8_t *SoundBlock(const ItemCursor &cur) {
   const uint8_t *blk = cur.block;
   if (cur.b < ITEM_BLOCK_HEAD || BlockLength(blk) != cur.b || !KnownType(BlockType(blk))) return nullptr;
@@ -188,12 +188,17 @@ void Patch(DumpWriter *out, uint32_t at, uint32_t value) {
 }
 
 // Turns the numbers of a value block copied whole from blk to p (a raw item,
-// text, number or time) big-endian; the bytes only change places, so their
-// sum stays.
-void BlockNumbersToDump(uint8_t *p, const uint8_t *blk) {
-  const uint32_t type = BlockType(blk);
-  PutHead(p, type, rd16(blk + ib::tranFlag), BlockLength(blk));
-  if (type == COLLTYPE_TIME || type == COLLTYPE_NUMERIC) wrBE32(p + ib::data, rd32(BlockData(blk)));
+// text, number or time) big-endian; the bytes only change places. A number
+// or time writes its value alone: bytes a load kept after it go out as
+// zeros. Returns the byte sum taken away from the copy.
+uint32_t BlockNumbersToDump(uint8_t *p, const uint8_t *blk) {
+  const uint32_t type = BlockType(blk), length = BlockLength(blk);
+  PutHead(p, type, rd16(blk + ib::tranFlag), length);
+  if (type != COLLTYPE_TIME && type != COLLTYPE_NUMERIC) return 0;
+  wrBE32(p + ib::data, rd32(BlockData(blk)));
+  uint32_t removed = 0;
+  for (uint32_t i = ITEM_BLOCK_HEAD + 4; i < length; ++i) removed += p[i], p[i] = 0;
+  return removed;
 }
 
 // The value block of a table item at p, length bytes: head, stored table
@@ -286,7 +291,7 @@ bool PutRecord(const ItemCursor &cur, const uint8_t *blk, DumpWriter *out, uint3
                 PutTableBlock(p + 4 + cur.t, blk, hdr, length);
   } else {
     out->sum += SumBytes<true>(p, cur.tag - 2, 4 + cur.t + cur.b);  // the item from its tag length on
-    BlockNumbersToDump(p + 4 + cur.t, blk);
+    out->sum -= BlockNumbersToDump(p + 4 + cur.t, blk);
   }
   wrBE16(p, cur.t);
   wrBE16(p + 2 + cur.t, length);
@@ -317,7 +322,7 @@ uint32_t strItemsAt(const uint8_t *blk, DumpWriter *out, uint32_t depth) {
     out->sum += PutTableBlock(p, blk, hdr, length);
   } else {
     out->sum += SumBytes<true>(p, blk, length);
-    BlockNumbersToDump(p, blk);
+    out->sum -= BlockNumbersToDump(p, blk);
   }
   return length;
 }

@@ -154,6 +154,14 @@ TEST(Exact, LoadsReadRecordsByTheirBlocks) {
     collClose(again);
     collClose(h);
   }
+  // A number kept with bytes after its value dumps them as zeros.
+  const std::vector<uint8_t> longNumber = Bytes(cases[1].hex), zeroed = Bytes(
+      "0019ce000091 0001 6e 000e 0005 0000 000e 00000001 00000000");
+  const HCOLL n = collOpen(nullptr);
+  uint8_t dump[64] = {};
+  ASSERT_EQ(collLoadItems(n, longNumber.data(), uint32_t(longNumber.size())), 1u);
+  EXPECT_EQ(std::vector<uint8_t>(dump, dump + collDumpItems(n, dump, sizeof dump)), zeroed);
+  collClose(n);
   // tableLoad counts the strings of the same table alike.
   const std::vector<uint8_t> cut = Bytes(cases[4].hex);
   const HTABLE t = tableLoad(cut.data(), uint32_t(cut.size()), 0, 0, 0);

@@ -441,8 +441,11 @@ COLL_EXPORT uint32_t COLLAPI collGenerateNewName(char *buffer, uint32_t size);
 COLL_EXPORT uint32_t COLLAPI collRequestAdvice(HCOLL hColl, HWINDOW window, uint32_t on);
 /* on != 0: every change of hSource's items is copied into hTarget
  * (collCopyItem), and may travel on from there; on == 0 withdraws that.
- * 1, or 0 for hTarget 0 or == hSource, an invalid handle, 32 targets
- * already, or nothing to withdraw. */
+ * A target registered twice, or reached along two paths, gets the change
+ * once per entry and path; a copy into a collection already on the chain
+ * that brought the change is skipped, which ends every cycle. 1, or 0 for
+ * hTarget 0 or == hSource, an invalid handle, 32 targets already, or
+ * nothing to withdraw. */
 COLL_EXPORT uint32_t COLLAPI collRequestPropagate(HCOLL hSource, HCOLL hTarget, uint32_t on);
 /* Starts a transaction: until collUnlock from this thread, every other
  * thread that touches the collection waits, and its change notifications

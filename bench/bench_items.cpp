@@ -1,5 +1,6 @@
-// Keyed reads and writes in collections of 10, 100 and 1,000 items, beside a
-// case-insensitive hash map and an in-memory SQLite table.
+// Keyed reads and writes in collections of 10, 100 and 1,000 items and in a
+// full image, beside a case-insensitive hash map and an in-memory SQLite
+// table; and the load of a dump of many small items beside building the map.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -14,16 +15,19 @@ using bench::Map;
 using bench::MakeTags;
 
 constexpr int kCachedTag = 0;
+// As many numbers under MakeTags' tags as an image holds beside the text item.
+constexpr int kFull = 2407;
 
 struct Coll {
   explicit Coll(int n) : tags(MakeTags(n)) {
     h = collOpen("bench");
-    for (int i = 0; i < n; ++i) collSetNumeric(h, tags[i].c_str(), i);
-    collSetString(h, "text", "a text of some twenty");
+    for (int i = 0; i < n; ++i) full |= !collSetNumeric(h, tags[i].c_str(), i);
+    full |= !collSetString(h, "text", "a text of some twenty");
   }
   ~Coll() { collClose(h); }
   uint32_t h;
   std::vector<std::string> tags;
+  bool full = false;  // some item did not fit
 };
 
 struct Sql {
@@ -67,6 +71,7 @@ Map MakeMap(const std::vector<std::string> &tags) {
 // ---- reads of a number, the same tag again and again (in the tag cache)
 void BM_Coll_GetNumeric_Cached(benchmark::State &state) {
   Coll c(static_cast<int>(state.range(0)));
+  if (c.full) state.SkipWithError("not every item fitted");
   const char *tag = c.tags[kCachedTag].c_str();
   for (auto _ : state) benchmark::DoNotOptimize(collGetNumeric(c.h, tag));
 }
@@ -84,6 +89,7 @@ void BM_Sqlite_GetNumeric_Cached(benchmark::State &state) {
 // ---- reads cycling through every tag (outside the cache from 11 items on)
 void BM_Coll_GetNumeric_Cycling(benchmark::State &state) {
   Coll c(static_cast<int>(state.range(0)));
+  if (c.full) state.SkipWithError("not every item fitted");
   size_t i = 0;
   for (auto _ : state) {
     benchmark::DoNotOptimize(collGetNumeric(c.h, c.tags[i].c_str()));
@@ -111,6 +117,7 @@ void BM_Sqlite_GetNumeric_Cycling(benchmark::State &state) {
 // ---- a text into a 64-byte buffer
 void BM_Coll_GetString64(benchmark::State &state) {
   Coll c(static_cast<int>(state.range(0)));
+  if (c.full) state.SkipWithError("not every item fitted");
   char buf[64];
   for (auto _ : state) benchmark::DoNotOptimize(collGetString(c.h, "text", buf, sizeof buf));
 }
@@ -146,6 +153,7 @@ void BM_Sqlite_GetString64(benchmark::State &state) {
 // ---- a number replaced in place
 void BM_Coll_SetNumeric_InPlace(benchmark::State &state) {
   Coll c(static_cast<int>(state.range(0)));
+  if (c.full) state.SkipWithError("not every item fitted");
   const char *tag = c.tags[kCachedTag].c_str();
   int32_t v = 0;
   for (auto _ : state) collSetNumeric(c.h, tag, ++v);
@@ -176,6 +184,7 @@ void BM_Sqlite_SetNumeric_InPlace(benchmark::State &state) {
 // ---- a text whose length changes at every store
 void BM_Coll_SetString_ChangingLength(benchmark::State &state) {
   Coll c(static_cast<int>(state.range(0)));
+  if (c.full) state.SkipWithError("not every item fitted");
   const char *texts[2] = {"short", "a somewhat longer text"};
   int i = 0;
   for (auto _ : state) collSetString(c.h, "text", texts[i ^= 1]);
@@ -208,6 +217,7 @@ void BM_Sqlite_SetString_ChangingLength(benchmark::State &state) {
 // ---- deletion and re-insertion of an item
 void BM_Coll_DeleteReinsert(benchmark::State &state) {
   Coll c(static_cast<int>(state.range(0)));
+  if (c.full) state.SkipWithError("not every item fitted");
   const char *tag = c.tags[c.tags.size() / 2].c_str();
   for (auto _ : state) {
     collSetItem(c.h, tag, "", 0);
@@ -235,24 +245,85 @@ void BM_Sqlite_DeleteReinsert(benchmark::State &state) {
   }
 }
 
+// ---- deletion and re-insertion of every tag in turn: each deletion is of
+// the first item, so the whole item area behind it moves
+void BM_Coll_DeleteReinsertCycling(benchmark::State &state) {
+  Coll c(static_cast<int>(state.range(0)));
+  if (c.full) state.SkipWithError("not every item fitted");
+  size_t i = 0;
+  for (auto _ : state) {
+    collSetItem(c.h, c.tags[i].c_str(), "", 0);
+    collSetNumeric(c.h, c.tags[i].c_str(), 7);
+    if (++i == c.tags.size()) i = 0;
+  }
+}
+void BM_Map_DeleteReinsertCycling(benchmark::State &state) {
+  auto tags = MakeTags(static_cast<int>(state.range(0)));
+  Map m = MakeMap(tags);
+  size_t i = 0;
+  for (auto _ : state) {
+    m.erase(tags[i]);
+    m[tags[i]] = bench::Value{5, 7, {}};
+    if (++i == tags.size()) i = 0;
+  }
+}
+
+// ---- a dump of small items (numbers and short texts) loaded into an empty
+// collection, beside building the same map
+constexpr int kReloadItems = 2000;
+void BM_Coll_Reload(benchmark::State &state) {
+  auto tags = MakeTags(kReloadItems);
+  uint32_t from = collOpen(nullptr), into = collOpen(nullptr);
+  for (int i = 0; i < kReloadItems; ++i)
+    i % 2 ? collSetString(from, tags[i].c_str(), "short text") : collSetNumeric(from, tags[i].c_str(), i);
+  std::vector<uint8_t> image(collDumpItems(from, nullptr, 0));
+  collDumpItems(from, image.data(), static_cast<uint32_t>(image.size()));
+  for (auto _ : state) {
+    state.PauseTiming();
+    collEmpty(into);
+    state.ResumeTiming();
+    collLoadItems(into, image.data(), static_cast<uint32_t>(image.size()));
+  }
+  if (collItemCount(into) != kReloadItems) state.SkipWithError("the load lost items");
+  collClose(from);
+  collClose(into);
+}
+void BM_Map_Reload(benchmark::State &state) {
+  auto tags = MakeTags(kReloadItems);
+  Map m;
+  for (auto _ : state) {
+    state.PauseTiming();
+    Map().swap(m);
+    state.ResumeTiming();
+    for (int i = 0; i < kReloadItems; ++i)
+      m[tags[i]] = i % 2 ? bench::Value{6, 0, "short text"} : bench::Value{5, i, {}};
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_Coll_Reload);
+BENCHMARK(BM_Map_Reload);
+
 #define ITEMS(name) BENCHMARK(name)->Arg(10)->Arg(100)->Arg(1000)
-ITEMS(BM_Coll_GetNumeric_Cached);
-ITEMS(BM_Map_GetNumeric_Cached);
-ITEMS(BM_Sqlite_GetNumeric_Cached);
-ITEMS(BM_Coll_GetNumeric_Cycling);
-ITEMS(BM_Map_GetNumeric_Cycling);
-ITEMS(BM_Sqlite_GetNumeric_Cycling);
+#define ITEMS_FULL(name) ITEMS(name)->Arg(kFull)
+ITEMS_FULL(BM_Coll_GetNumeric_Cached);
+ITEMS_FULL(BM_Map_GetNumeric_Cached);
+ITEMS_FULL(BM_Sqlite_GetNumeric_Cached);
+ITEMS_FULL(BM_Coll_GetNumeric_Cycling);
+ITEMS_FULL(BM_Map_GetNumeric_Cycling);
+ITEMS_FULL(BM_Sqlite_GetNumeric_Cycling);
 ITEMS(BM_Coll_GetString64);
 ITEMS(BM_Map_GetString64);
 ITEMS(BM_Sqlite_GetString64);
-ITEMS(BM_Coll_SetNumeric_InPlace);
-ITEMS(BM_Map_SetNumeric_InPlace);
-ITEMS(BM_Sqlite_SetNumeric_InPlace);
+ITEMS_FULL(BM_Coll_SetNumeric_InPlace);
+ITEMS_FULL(BM_Map_SetNumeric_InPlace);
+ITEMS_FULL(BM_Sqlite_SetNumeric_InPlace);
 ITEMS(BM_Coll_SetString_ChangingLength);
 ITEMS(BM_Map_SetString_ChangingLength);
 ITEMS(BM_Sqlite_SetString_ChangingLength);
-ITEMS(BM_Coll_DeleteReinsert);
-ITEMS(BM_Map_DeleteReinsert);
-ITEMS(BM_Sqlite_DeleteReinsert);
+ITEMS_FULL(BM_Coll_DeleteReinsert);
+ITEMS_FULL(BM_Map_DeleteReinsert);
+ITEMS_FULL(BM_Sqlite_DeleteReinsert);
+ITEMS_FULL(BM_Coll_DeleteReinsertCycling);
+ITEMS_FULL(BM_Map_DeleteReinsertCycling);
 
 }  // namespace

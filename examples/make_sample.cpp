@@ -13,32 +13,35 @@ int main(int argc, char **argv) {
   using libcoll::Collection;
   using libcoll::Table;
 
+  bool made = true;  // every store succeeded
+  auto store = [&made](bool stored) { made = made && stored; };
+
   Collection order = Collection::Open("Order");
-  order.SetString("Customer", "Harbour Supplies Ltd.");
-  order.SetString("Note", "Deliver to gate 3\nbefore noon");
-  order.SetNumber("Number", 10472);
-  order.SetNumber("Discount", -5);
-  order.SetTime("Placed", 1700000000);  // 2023-11-14 22:13:20 UTC
+  store(order.SetString("Customer", "Harbour Supplies Ltd."));
+  store(order.SetString("Note", "Deliver to gate 3\nbefore noon"));
+  store(order.SetNumber("Number", 10472));
+  store(order.SetNumber("Discount", -5));
+  store(order.SetTime("Placed", 1700000000));  // 2023-11-14 22:13:20 UTC
   const unsigned char flags[] = {0x01, 0x00, 0x7F, 'O', 'K'};
-  order.SetBytes("Flags", flags, sizeof flags);
+  store(order.SetBytes("Flags", flags, sizeof flags));
 
   Collection address = Collection::Open();
-  address.SetString("Street", "1 Quay Road");
-  address.SetString("City", "Portsmouth");
-  address.SetNumber("Floor", 2);
-  order.SetCollection("ShipTo", address);
+  store(address.SetString("Street", "1 Quay Road"));
+  store(address.SetString("City", "Portsmouth"));
+  store(address.SetNumber("Floor", 2));
+  store(order.SetCollection("ShipTo", address));
 
   Table lines = Table::Create(3);
-  lines.SetRow(ROW_NAMES, {"Item", "Qty", "Price"});
-  lines.SetRow(ROW_APPEND, {"Rope, 10 m", "4", "12.50"});
-  lines.SetRow(ROW_APPEND, {"Shackle", "12", "3.20"});
-  lines.SetRow(ROW_APPEND, {"Fender", "2", "28.00"});
-  lines.Select(1);
-  lines.Set(ROW_HEADER, -1, "%-10s %3s %6s ");  // attribute string 0
-  lines.Set(ROW_HEADER, -2, "currency=GBP");    // attribute string 1
-  order.SetTable("Lines", lines);
+  store(lines.SetRow(ROW_NAMES, {"Item", "Qty", "Price"}));
+  store(lines.SetRow(ROW_APPEND, {"Rope, 10 m", "4", "12.50"}));
+  store(lines.SetRow(ROW_APPEND, {"Shackle", "12", "3.20"}));
+  store(lines.SetRow(ROW_APPEND, {"Fender", "2", "28.00"}));
+  store(lines.Select(1));
+  store(lines.Set(ROW_HEADER, -1, "%-10s %3s %6s "));  // attribute string 0
+  store(lines.Set(ROW_HEADER, -2, "currency=GBP"));    // attribute string 1
+  store(order.SetTable("Lines", lines));
 
-  const std::vector<std::byte> image = order.Dump();
+  const std::vector<std::byte> image = made ? order.Dump() : std::vector<std::byte>();
   std::FILE *f = image.empty() ? nullptr : std::fopen(out, "wb");
   if (!f || std::fwrite(image.data(), 1, image.size(), f) != image.size() || std::fclose(f) != 0) {
     std::fprintf(stderr, "make_sample: cannot write %s\n", out);

@@ -33,6 +33,12 @@ struct TableDataRec {
   uint8_t *data;      // the table data block; null when the record is free
   uint32_t refCount;  // table headers naming this record in their dataIndex
   uint32_t owned;     // 1: data is the library's heap block; 0: a caller's image
+  // The row index of the data block (tables/index.cpp): rowStart[k] is the
+  // offset of string k * cols, for k = 0 to rowStartCount - 1; null while
+  // there is none. It is freed with the record.
+  uint16_t *rowStart = nullptr;
+  uint32_t rowStartCount = 0;
+  uint32_t rowStartCapacity = 0;
 };
 
 // The process-wide state block.
@@ -52,6 +58,8 @@ struct CollState {
   uint8_t *queueBuf[kSlots];
   uint32_t queueLen[kSlots];
   uint32_t queueChunks[kSlots];
+  // The tag index beside each collection image (store/index.cpp), or null.
+  void *tagIndex[kSlots];
   // Changes whenever a transaction ends or a collection is destroyed;
   // AccessColl sleeps on it while another thread's transaction holds a
   // collection.

@@ -29,6 +29,7 @@ uint8_t *GetCollPtr(uint32_t hColl) {
   if (!img) return nullptr;
   if (UnusableCollImage(img)) {
     ps->collPtrs[slot] = nullptr;
+    DropTagIndex(hColl);
     return nullptr;
   }
   return img;
@@ -39,6 +40,7 @@ uint32_t SetCollPtr(uint8_t *image) {
     if (ps->collPtrs[slot] && UnusableCollImage(ps->collPtrs[slot])) ps->collPtrs[slot] = nullptr;
     if (!ps->collPtrs[slot]) {
       ps->collPtrs[slot] = image;
+      DropTagIndex(kCollBase + slot);
       if (slot > ps->collHigh) ps->collHigh = slot;
       return kCollBase + slot;
     }
@@ -64,6 +66,7 @@ void DestroyCollHandle(uint32_t hColl) {
     bool inTransaction = CollLockThread(img) != 0;
     collFreePtr(img);
     ps->collPtrs[slot] = nullptr;
+    DropTagIndex(hColl);
     // A later collection in this slot must not inherit queued deletions.
     RemoveCommunicateQueue(slot);
     if (inTransaction) WakeTransactionWaiters();
@@ -114,6 +117,7 @@ void DestroyTableHandle(uint32_t hTable) {
       }
       rec.data = nullptr;
       rec.refCount = 0;
+      DropRowIndex(&rec);
     } else {
       --rec.refCount;
     }

@@ -1,7 +1,8 @@
 // fuzz_api_sequence.cpp - the input is read as a sequence of calls on three
 // collections and two tables: stores, copies, nesting, merges, renames,
 // tables in and out of collections, row changes, copy on write, propagation,
-// advice to a window that reads back, transactions, dumps and loads; any
+// advice to a window that reads back, transactions, dumps and loads, runs of
+// numbered tags that give a collection its tag index; any
 // call may be told to meet a failing allocation. After every call the whole
 // state must pass the consistency check; at the end nothing may be left
 // behind.
@@ -72,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   uint32_t failAt = 0;  // the next call's allocation that fails (0: none)
   for (int steps = 0; in.more() && steps < 400; ++steps) {
     const uint8_t op = in.byte();
-    if (op % 29 == 28) {
+    if (op % 30 == 29) {
       failAt = in.byte() % 16 + 1u;
       continue;
     }
@@ -82,7 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     HCOLL y = c[in.byte() % 3];
     HTABLE &u = t[in.byte() % 2];
     const char *tag = kTags[in.byte() % 5];
-    switch (op % 29) {
+    switch (op % 30) {
       case 0:
         collClose(x);
         x = collOpen(in.text().c_str());
@@ -186,6 +187,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       case 26:
         collSubstitute(x, in.text().c_str(), buf, in.byte() + 1u);
         break;
+      case 28: {
+        // A run of numbered tags: numbers (in place when present), texts of
+        // changing lengths (moved to the end, or deleted when empty), or
+        // deletions.
+        const uint32_t from = in.byte() % 64, n = in.byte() % 40, how = in.byte() % 3;
+        for (uint32_t i = 0; i < n; ++i) {
+          const std::string numbered = "n" + std::to_string((from + i * 7) % 64);
+          if (how == 0)
+            collSetNumeric(x, numbered.c_str(), int32_t(i));
+          else
+            collSetString(x, numbered.c_str(), how == 1 ? std::string(i % 4, 'v').c_str() : "");
+        }
+        break;
+      }
       default:
         collGetString(x, tag, buf, in.byte() % 8);
         collTableGetField(x, tag, int32_t(Row(in.byte())), in.byte() % 8 - 6u, buf, sizeof buf);

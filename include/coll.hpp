@@ -1,9 +1,15 @@
 // coll.hpp - a header-only C++17 layer over the C interface of libcoll.
 //
 // Collection and Table own their handles: they are move-only and close or
-// destroy the handle in their destructor. Tags and texts go in as
-// std::string_view; values come out as std::string and std::optional, so an
-// ordinary miss needs no exception.
+// destroy the handle in their destructor; Release gives the handle up and
+// Adopt takes over one that the caller owns (coll.h says which those are).
+// Tags and texts go in as std::string_view; values come out as copies, in
+// std::string, std::vector and std::optional (empty for a missing item, or a
+// Collection or Table without a handle), so an ordinary miss needs no
+// exception and nothing here throws but std::bad_alloc. Every result that
+// reports a failure (false, an empty optional, an object without a handle)
+// is [[nodiscard]]. The rules and limits of each call are those of the C
+// function it names, in coll.h.
 #ifndef COLL_HPP
 #define COLL_HPP
 
@@ -55,10 +61,14 @@ class Collection {
   // Takes ownership of a handle the caller received as a new object.
   static Collection Adopt(HCOLL h) { return Collection(h); }
   // A private collection; empty when it cannot be made.
-  static Collection Open(std::string_view name = {}) { return Collection(collOpen(detail::CStr(name))); }
+  [[nodiscard]] static Collection Open(std::string_view name = {}) { return Collection(collOpen(detail::CStr(name))); }
   // The shared collection of that name (loaded from the initialisation file).
-  static Collection OpenShared(std::string_view name) { return Collection(collOpenShared(detail::CStr(name))); }
-  static Collection OpenUnique(std::string_view name) { return Collection(collOpenUnique(detail::CStr(name))); }
+  [[nodiscard]] static Collection OpenShared(std::string_view name) {
+    return Collection(collOpenShared(detail::CStr(name)));
+  }
+  [[nodiscard]] static Collection OpenUnique(std::string_view name) {
+    return Collection(collOpenUnique(detail::CStr(name)));
+  }
 
   Collection(Collection &&o) noexcept : h_(std::exchange(o.h_, 0)) {}
   Collection &operator=(Collection &&o) noexcept {
@@ -79,7 +89,7 @@ class Collection {
     if (h_) collClose(std::exchange(h_, 0));
   }
 
-  std::string Name() const {
+  [[nodiscard]] std::string Name() const {
     return detail::ReadText([&](char *b, uint32_t n) { return collGetName(h_, b, n); });
   }
   uint32_t Size() const { return collItemCount(h_); }
@@ -94,16 +104,16 @@ class Collection {
   }
   // COLLTYPE_* of the item, 0 when there is none.
   uint32_t Type(std::string_view tag) const { return collGetType(h_, detail::CStr(tag)); }
-  bool Contains(std::string_view tag) const { return Type(tag) != 0; }
+  [[nodiscard]] bool Contains(std::string_view tag) const { return Type(tag) != 0; }
 
-  bool SetBytes(std::string_view tag, const void *data, uint32_t size) {
+  [[nodiscard]] bool SetBytes(std::string_view tag, const void *data, uint32_t size) {
     return collSetItem(h_, detail::CStr(tag), data, size) != 0;
   }
-  bool SetBytes(std::string_view tag, std::string_view bytes) {
+  [[nodiscard]] bool SetBytes(std::string_view tag, std::string_view bytes) {
     return SetBytes(tag, bytes.data(), static_cast<uint32_t>(bytes.size()));
   }
   // The bytes of a raw item (or the characters of a text item).
-  std::optional<std::string> GetBytes(std::string_view tag) const {
+  [[nodiscard]] std::optional<std::string> GetBytes(std::string_view tag) const {
     detail::CStr t(tag);
     uint32_t type = collGetType(h_, t);
     if (type != COLLTYPE_ITEM && type != COLLTYPE_STRING) return std::nullopt;
@@ -113,79 +123,81 @@ class Collection {
     s.resize(type == COLLTYPE_STRING ? (m ? m - 1 : 0) : std::min(m, n));
     return s;
   }
-  bool SetString(std::string_view tag, std::string_view text) {
+  [[nodiscard]] bool SetString(std::string_view tag, std::string_view text) {
     return collSetString(h_, detail::CStr(tag), detail::CStr(text)) != 0;
   }
   // Any item but a table or collection, read as text.
-  std::optional<std::string> GetString(std::string_view tag) const {
+  [[nodiscard]] std::optional<std::string> GetString(std::string_view tag) const {
     detail::CStr t(tag);
     if (!Contains(tag)) return std::nullopt;
     uint32_t type = collGetType(h_, t);
     if (type == COLLTYPE_TABLE || type == COLLTYPE_COLL) return std::nullopt;
     return detail::ReadText([&](char *b, uint32_t n) { return collGetString(h_, t, b, n); });
   }
-  bool SetNumber(std::string_view tag, int32_t value) { return collSetNumeric(h_, detail::CStr(tag), value) != 0; }
-  std::optional<int32_t> GetNumber(std::string_view tag) const {
+  [[nodiscard]] bool SetNumber(std::string_view tag, int32_t value) {
+    return collSetNumeric(h_, detail::CStr(tag), value) != 0;
+  }
+  [[nodiscard]] std::optional<int32_t> GetNumber(std::string_view tag) const {
     detail::CStr t(tag);
     uint32_t type = collGetType(h_, t);
     if (type != COLLTYPE_NUMERIC && type != COLLTYPE_STRING) return std::nullopt;
     return collGetNumeric(h_, t);
   }
-  bool SetTime(std::string_view tag, uint32_t secondsSince1970) {
+  [[nodiscard]] bool SetTime(std::string_view tag, uint32_t secondsSince1970) {
     return collSetTime(h_, detail::CStr(tag), secondsSince1970) != 0;
   }
-  std::optional<uint32_t> GetTime(std::string_view tag) const {
+  [[nodiscard]] std::optional<uint32_t> GetTime(std::string_view tag) const {
     uint32_t t = 0;
     if (!collGetTime(h_, detail::CStr(tag), &t)) return std::nullopt;
     return t;
   }
   // Stores a private copy of source.
-  bool SetCollection(std::string_view tag, const Collection &source) {
+  [[nodiscard]] bool SetCollection(std::string_view tag, const Collection &source) {
     return collSetColl(h_, detail::CStr(tag), source.h_) != 0;
   }
   // A new top-level copy of the nested collection; an empty Collection (no
   // handle) when the item is missing or not a collection. (collGetColl
   // itself gives a new empty collection for a missing tag.)
-  Collection GetCollection(std::string_view tag) const {
+  [[nodiscard]] Collection GetCollection(std::string_view tag) const {
     detail::CStr t(tag);
     if (collGetType(h_, t) != COLLTYPE_COLL) return Collection();
     return Collection(collGetColl(h_, t));
   }
-  inline bool SetTable(std::string_view tag, const Table &table);
-  inline Table GetTable(std::string_view tag) const;
+  [[nodiscard]] inline bool SetTable(std::string_view tag, const Table &table);
+  [[nodiscard]] inline Table GetTable(std::string_view tag) const;
 
-  bool Erase(std::string_view tag) { return collSetItem(h_, detail::CStr(tag), "", 0) != 0; }
-  bool Rename(std::string_view from, std::string_view to) {
+  [[nodiscard]] bool Erase(std::string_view tag) { return collSetItem(h_, detail::CStr(tag), "", 0) != 0; }
+  [[nodiscard]] bool Rename(std::string_view from, std::string_view to) {
     return collRenameTag(h_, detail::CStr(from), detail::CStr(to)) != 0;
   }
-  bool CopyFrom(const Collection &from, std::string_view tag) {
+  [[nodiscard]] bool CopyFrom(const Collection &from, std::string_view tag) {
     return collCopyItem(h_, from.h_, detail::CStr(tag)) != 0;
   }
-  bool Merge(const Collection &source) { return collMerge(h_, source.h_) != 0; }
+  [[nodiscard]] bool Merge(const Collection &source) { return collMerge(h_, source.h_) != 0; }
   void Clear() { collEmpty(h_); }
-  std::string Substitute(std::string_view templ) const {
+  [[nodiscard]] std::string Substitute(std::string_view templ) const {
     detail::CStr t(templ);
     return detail::ReadText([&](char *b, uint32_t n) { return collSubstitute(h_, t, b, n); });
   }
-  bool Write() const { return collWrite(h_) != 0; }
+  [[nodiscard]] bool Write() const { return collWrite(h_) != 0; }
 
   // The items as a dump image; empty on failure.
-  std::vector<std::byte> Dump() const {
+  [[nodiscard]] std::vector<std::byte> Dump() const {
     uint32_t n = collDumpItems(h_, nullptr, 0);
     std::vector<std::byte> out(n);
     if (n == 0 || collDumpItems(h_, out.data(), n) != n) out.clear();
     return out;
   }
-  std::string DumpHex() const {
+  [[nodiscard]] std::string DumpHex() const {
     uint32_t n = collDumpItemsHex(h_, nullptr, 0);
     std::string out(n, '\0');
     if (n == 0 || collDumpItemsHex(h_, out.data(), n) != n) out.clear();
     return out;
   }
-  bool Load(const std::vector<std::byte> &image) {
+  [[nodiscard]] bool Load(const std::vector<std::byte> &image) {
     return collLoadItems(h_, image.data(), static_cast<uint32_t>(image.size())) != 0;
   }
-  bool LoadHex(std::string_view text) {
+  [[nodiscard]] bool LoadHex(std::string_view text) {
     return collLoadItemsHex(h_, text.data(), static_cast<uint32_t>(text.size())) != 0;
   }
 
@@ -198,12 +210,12 @@ class Table {
  public:
   Table() = default;
   static Table Adopt(HTABLE h) { return Table(h); }
-  static Table Create(uint32_t cols, uint32_t type = 0) { return Table(tableCreate(cols, type)); }
+  [[nodiscard]] static Table Create(uint32_t cols, uint32_t type = 0) { return Table(tableCreate(cols, type)); }
   // A table copied from a dump image whose first item is a table.
-  static Table Load(const std::vector<std::byte> &image) {
+  [[nodiscard]] static Table Load(const std::vector<std::byte> &image) {
     return Table(tableLoad(image.data(), static_cast<uint32_t>(image.size()), 0, 0, 0));
   }
-  static Table FromClipboard(HWINDOW window = 0) { return Table(tableDataFromClipboard(window)); }
+  [[nodiscard]] static Table FromClipboard(HWINDOW window = 0) { return Table(tableDataFromClipboard(window)); }
 
   Table(Table &&o) noexcept : h_(std::exchange(o.h_, 0)) {}
   Table &operator=(Table &&o) noexcept {
@@ -224,32 +236,34 @@ class Table {
     if (h_) tableDestroy(std::exchange(h_, 0));
   }
   // A second handle on the same data (copied before the first change).
-  Table Copy() const { return Table(tableCopy(h_, 0)); }
+  [[nodiscard]] Table Copy() const { return Table(tableCopy(h_, 0)); }
 
   uint32_t Rows() const { return tableRowCount(h_); }
   uint32_t Cols() const { return tableColCount(h_); }
   uint32_t Type() const { return tableGetType(h_); }
   uint32_t Stamp() const { return tableGetStamp(h_); }
   // A field; row ROW_HEADER gives a column name (columns -1..-5: attributes).
-  std::optional<std::string> Get(int32_t row, int32_t column) const {
+  [[nodiscard]] std::optional<std::string> Get(int32_t row, int32_t column) const {
     uint32_t c = static_cast<uint32_t>(column);
     if (tableGetItem(h_, row, c, nullptr, 0) == 0) return std::nullopt;
     return detail::ReadText([&](char *b, uint32_t n) { return tableGetItem(h_, row, c, b, n); });
   }
-  bool Set(int32_t row, int32_t column, std::string_view text) {
+  [[nodiscard]] bool Set(int32_t row, int32_t column, std::string_view text) {
     return tableSetItem(h_, row, static_cast<uint32_t>(column), detail::CStr(text)) != 0;
   }
-  std::string ColumnName(uint32_t column) const { return Get(ROW_HEADER, static_cast<int32_t>(column)).value_or(""); }
-  std::optional<uint32_t> ColumnIndex(std::string_view name) const {
+  [[nodiscard]] std::string ColumnName(uint32_t column) const {
+    return Get(ROW_HEADER, static_cast<int32_t>(column)).value_or("");
+  }
+  [[nodiscard]] std::optional<uint32_t> ColumnIndex(std::string_view name) const {
     uint32_t i = tableGetColIndex(h_, detail::CStr(name));
     if (i == 0xFFFFFFFFu) return std::nullopt;
     return i;
   }
-  bool InsertRow(uint32_t row) { return tableAddRow(h_, row) != 0; }
-  bool AppendRow() { return tableAddRow(h_, static_cast<uint32_t>(ROW_APPEND)) != 0; }
+  [[nodiscard]] bool InsertRow(uint32_t row) { return tableAddRow(h_, row) != 0; }
+  [[nodiscard]] bool AppendRow() { return tableAddRow(h_, static_cast<uint32_t>(ROW_APPEND)) != 0; }
   void DeleteRow(uint32_t row) { tableDeleteRow(h_, row); }
   // A row (or ROW_NAMES / ROW_ATTRIBUTES) as its strings.
-  std::optional<std::vector<std::string>> GetRow(int32_t row) const {
+  [[nodiscard]] std::optional<std::vector<std::string>> GetRow(int32_t row) const {
     uint32_t r = static_cast<uint32_t>(row);
     uint32_t n = tableGetRow(h_, r, nullptr, 0);
     if (n == 0) return std::nullopt;
@@ -264,7 +278,7 @@ class Table {
     }
     return out;
   }
-  bool SetRow(int32_t row, const std::vector<std::string> &fields) {
+  [[nodiscard]] bool SetRow(int32_t row, const std::vector<std::string> &fields) {
     std::string packed;
     for (const std::string &f : fields) {
       packed += f;
@@ -272,26 +286,26 @@ class Table {
     }
     return tableSetRow(h_, static_cast<uint32_t>(row), packed.data(), static_cast<uint32_t>(packed.size())) != 0;
   }
-  std::optional<uint32_t> Selection() const {
+  [[nodiscard]] std::optional<uint32_t> Selection() const {
     uint32_t s = tableGetSelection(h_);
     if (s == 0xFFFFFFFFu) return std::nullopt;
     return s;
   }
-  bool Select(uint32_t row) { return tableSetSelection(h_, row) != 0; }
+  [[nodiscard]] bool Select(uint32_t row) { return tableSetSelection(h_, row) != 0; }
   // The first row at or after start whose field in column equals text
   // without regard to case (FindPrefix: begins with text).
   // An empty text matches an empty field (Find) or any field (FindPrefix).
-  std::optional<uint32_t> Find(std::string_view text, uint32_t column, uint32_t start = 0) const {
+  [[nodiscard]] std::optional<uint32_t> Find(std::string_view text, uint32_t column, uint32_t start = 0) const {
     uint32_t r = tableFindField(h_, Chars(text), static_cast<uint32_t>(text.size()), start, column);
     if (r == 0xFFFFFFFFu) return std::nullopt;
     return r;
   }
-  std::optional<uint32_t> FindPrefix(std::string_view text, uint32_t column, uint32_t start = 0) const {
+  [[nodiscard]] std::optional<uint32_t> FindPrefix(std::string_view text, uint32_t column, uint32_t start = 0) const {
     uint32_t r = tableFindAbbrev(h_, Chars(text), static_cast<uint32_t>(text.size()), start, column);
     if (r == 0xFFFFFFFFu) return std::nullopt;
     return r;
   }
-  bool ToClipboard(uint32_t mode) const { return tableDataToClipboard(h_, mode) != 0; }
+  [[nodiscard]] bool ToClipboard(uint32_t mode) const { return tableDataToClipboard(h_, mode) != 0; }
 
  private:
   explicit Table(HTABLE h) : h_(h) {}

@@ -57,8 +57,10 @@ uint8_t *ConvColl(const uint8_t *block, uint32_t length, uint32_t hColl) {
 }  // namespace
 
 uint32_t isBadDumpRecords(const uint8_t *records, uint32_t length) {
-  // The ends of the record lists being walked: the image's, then those of
-  // the nested collections entered. Each level takes at least 24 bytes.
+  // The ends of the nested record lists being walked. A nested list is read
+  // while its position lies before the end of its block, and the enclosing
+  // walk goes on at that end, wherever the last nested record ended; every
+  // record must lie within the image. Each level takes at least 24 bytes.
   const uint32_t maxDepth = length / (4 + DUMP_COLL_BLOCK) + 1;
   uint32_t *ends = static_cast<uint32_t *>(collAllocPtr(maxDepth * 4));
   if (!ends) return 1;
@@ -66,31 +68,33 @@ uint32_t isBadDumpRecords(const uint8_t *records, uint32_t length) {
   ends[0] = length;
   uint32_t bad = 0;
   for (;;) {
-    const uint32_t end = ends[depth];
-    if (pos == end) {
+    if (pos >= ends[depth]) {
       if (depth == 0) break;
-      --depth;
+      pos = ends[depth--];
       continue;
     }
-    // Tag length, tag, value length, block head.
-    if (end - pos < 2 || end - pos - 2 < rdBE16(records + pos) + 2u + ITEM_BLOCK_HEAD) {
+    // Tag length, tag, value length (not used: the block's own decides),
+    // block head.
+    if (length - pos < 2 || length - pos - 2 < rdBE16(records + pos) + 2u + ITEM_BLOCK_HEAD) {
       bad = 1;
       break;
     }
-    pos += 2 + rdBE16(records + pos);
-    const uint32_t valueLength = rdBE16(records + pos);
-    pos += 2;
+    pos += 2 + rdBE16(records + pos) + 2;
     const DumpBlockHead head = convhdr(records + pos);
-    if (valueLength != head.length || head.length < ITEM_BLOCK_HEAD || head.length > end - pos ||
-        head.type < COLLTYPE_ITEM || head.type > COLLTYPE_STRING + 1) {
+    if (head.length < ITEM_BLOCK_HEAD || head.length > length - pos || head.type < COLLTYPE_ITEM ||
+        head.type > COLLTYPE_STRING + 1) {
       bad = 1;
       break;
     }
     const uint32_t L = head.length;
     if (head.type == COLLTYPE_TIME || head.type == COLLTYPE_NUMERIC) {
-      bad = L != ITEM_BLOCK_HEAD + 4;
+      bad = L < ITEM_BLOCK_HEAD + 4;
     } else if (head.type == COLLTYPE_TABLE) {
-      bad = L < DUMP_TABLE_BLOCK || rdBE16(records + pos + ITEM_BLOCK_HEAD + 2) != L - ITEM_BLOCK_HEAD;
+      // A table that cannot be read, or breaks the table rules once
+      // completed, refuses the whole image.
+      StoredTable table;
+      bad = L < DUMP_TABLE_BLOCK ||
+            !ReadStoredTable(records + pos + ITEM_BLOCK_HEAD, L - DUMP_TABLE_BLOCK, &table);
     } else if (head.type == COLLTYPE_COLL) {
       if (L < DUMP_COLL_BLOCK) {
         bad = 1;
@@ -130,12 +134,9 @@ uint32_t convIntel(const uint8_t *records, uint32_t length, uint32_t hColl) {
     const char *tag = reinterpret_cast<const char *>(records + pos);
     pos += n;
     convWord(records, &pos);  // the value length; the block's own decides
-    // The tag ends at its first zero byte, if it holds one.
+    // The tag ends at its first zero byte, if it holds one. An empty tag is
+    // refused by the store once the value has been rebuilt.
     const uint32_t tagLength = collstrlen(tag, n);
-    if (tagLength == 0) {
-      pos += convhdr(records + pos).length;  // no item can have an empty tag
-      continue;
-    }
     uint8_t *item = nullptr;
     pos += convItems(records + pos, hColl, &item);
     if (!item) continue;
@@ -151,12 +152,11 @@ uint32_t convItems(const uint8_t *block, uint32_t hColl, uint8_t **item) {
   const uint32_t L = head.length;
   switch (head.type) {
     case COLLTYPE_TIME:
-    case COLLTYPE_NUMERIC: {
-      uint8_t value[4];
-      wr32(value, rdBE32(block + ITEM_BLOCK_HEAD));
-      *item = BuildItem(head.type, value, 4);
+    case COLLTYPE_NUMERIC:
+      // The value is the first four data bytes; any after it stay as they are.
+      *item = BuildItem(head.type, block + ITEM_BLOCK_HEAD, L - ITEM_BLOCK_HEAD);
+      if (*item) wr32(BlockData(*item), rdBE32(block + ITEM_BLOCK_HEAD));
       break;
-    }
     case COLLTYPE_TABLE:
       *item = ConvTable(block, L, hColl);
       break;

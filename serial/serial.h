@@ -29,18 +29,20 @@ constexpr uint32_t DUMP_TABLE_SHRINK = 30;
 // ---- writer (REQUIRES: lock held)
 
 // Where a dump is being written: never past size bytes; failed is set
-// instead of writing past the end.
+// instead of writing past the end. sum is the byte sum of what the writers
+// below have written (placeholders counted as they end up).
 struct DumpWriter {
   uint8_t *buf;
   uint32_t size;
   uint32_t pos;
   bool failed;
+  uint32_t sum;
 };
 void cpyWord(DumpWriter *out, uint32_t value);
-void cpyLong(DumpWriter *out, uint32_t value);
 void cpyBytes(DumpWriter *out, const void *bytes, uint32_t n);
 void cpyhdr(DumpWriter *out, uint32_t type, uint32_t tranFlag, uint32_t length);
-void cpytablehdr(DumpWriter *out, const uint8_t *tableHeader);
+// The stored table header (DUMP_STORED_TABLE bytes) at p; their byte sum.
+uint32_t cpytablehdr(uint8_t *p, const uint8_t *tableHeader);
 void cpycollhdr(DumpWriter *out, const uint8_t *collImage);
 
 // Bytes of the item records of the collection image (the dump header not
@@ -65,12 +67,14 @@ uint32_t checksum(const uint8_t *img, uint32_t length);
 // 0 when the dump header is good for an image of length bytes whose
 // computed checksum is sum; 1 when it is bad.
 uint32_t isBadCollDumpHdr(const uint8_t *img, uint32_t length, uint32_t sum);
-// 1 when the item records (length bytes, dump header dropped) are not
-// well formed: a tag or block running past its record list, a value length
-// that differs from its block's length, a type code outside 1 to 7, a time
-// or number block that is not 10 bytes, a table block whose stored length
-// differs from its block's, a nested record list that does not fill its
-// block exactly. Else 0.
+// 1 when the item records (length bytes, dump header dropped) cannot be
+// read: a tag or block running past the image, a block shorter than its
+// head, a type code outside 1 to 7, a time or number block shorter than 10
+// bytes, a table whose stored data runs past its block or that
+// ReadStoredTable refuses. The value length word is not read (the block's
+// own length decides), and a nested record list is read while its position
+// lies before the end of its block, the enclosing list going on at that
+// end. Else 0.
 uint32_t isBadDumpRecords(const uint8_t *records, uint32_t length);
 
 // ---- reader (REQUIRES: lock held; the records must have passed
@@ -122,10 +126,13 @@ struct StoredTable {
 };
 // Reads the big-endian stored table header at stored and scans its strings,
 // which follow it, within at most available bytes after the header. Strings
-// missing at the end count as empty ones added (one byte each), as does the
-// terminator of a last string cut off by the end of the data. False when
-// the stored length is below 12 or overflows, when the data does not fit in
-// available bytes, or when the table would break the header invariants.
+// are counted while fewer than expected are counted and the data is not
+// passed; one that starts in the data counts, even when the data ends
+// before its terminator. Each string short of the expected number is added
+// as an empty one (one byte). False when the stored length is below 12 or
+// overflows, when the data does not fit in available bytes, or when the
+// table would break the header invariants (magic, no columns, more than 64
+// pages once completed).
 bool ReadStoredTable(const uint8_t *stored, uint32_t available, StoredTable *table);
 // A new table handle owned by hOwner (0: free-standing) for the table read,
 // with a fresh data record (a heap copy, or the strings where they lie when

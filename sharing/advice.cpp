@@ -31,28 +31,44 @@ void DeleteEntry(uint8_t *img, uint32_t first, uint32_t second, uint32_t i) {
   SetEntry(img, second, COLL_LIST_SIZE - 1, 0);
 }
 
-// The collections that one change has reached, in the thread that carries
-// it. A change travels from the collection where it happened along
-// propagation entries (collCopyItem stores into the target, whose own
-// communication runs nested in the same thread), and it enters each
-// collection at most once; that ends every cycle of propagation, including
-// deletions and table or collection items, which would otherwise go round
-// for ever. Indexed by slot: the id of the collection reached there, with
-// bit 16 set; 0 for none.
-struct ChangeChain {
-  uint32_t reached[kSlots];
+// The chain of copies that brought a change to the collection being told
+// of it, in the thread that carries it: the collection where the change
+// happened, then each propagation target it was copied into (collCopyItem
+// stores into the target, whose own communication runs nested in the same
+// thread). One frame per collection on the path, on the stack of the call
+// that tells it. A copy into a collection already on the path is passed
+// over: that ends every cycle of propagation, deletions and table or
+// collection items included, which would otherwise go round for ever, and
+// still lets a change reach one collection along several paths, or twice
+// through a target registered twice.
+struct ChainFrame {
+  uint32_t hColl;
+  uint32_t id;
+  const ChainFrame *up;
 };
 
-// The chain of the change being propagated in this thread; null outside a
-// propagation. A window procedure starts from null: what it changes is a new
-// change with a chain of its own.
-thread_local ChangeChain *t_chain = nullptr;
+// The innermost frame of the change being told in this thread; null outside
+// communication. A window procedure starts from null: what it changes is a
+// new change with a chain of its own.
+thread_local const ChainFrame *t_chain = nullptr;
 
-uint32_t ChainKey(uint32_t id) { return id | 0x10000u; }
-bool Reached(const ChangeChain *chain, uint32_t hColl, uint32_t id) {
-  return chain->reached[hColl - kCollBase] == ChainKey(id);
+bool OnPath(uint32_t hColl, uint32_t id) {
+  for (const ChainFrame *f = t_chain; f; f = f->up)
+    if (f->hColl == hColl && f->id == id) return true;
+  return false;
 }
-void MarkReached(ChangeChain *chain, uint32_t hColl, uint32_t id) { chain->reached[hColl - kCollBase] = ChainKey(id); }
+
+// Puts a frame on the path for as long as it lives.
+class PathStep {
+ public:
+  PathStep(uint32_t hColl, uint32_t id) : frame_{hColl, id, t_chain} { t_chain = &frame_; }
+  ~PathStep() { t_chain = frame_.up; }
+  PathStep(const PathStep &) = delete;
+  PathStep &operator=(const PathStep &) = delete;
+
+ private:
+  ChainFrame frame_;
+};
 
 // Takes the lock again after a delivery and reaches hColl again, as long as
 // it is still the collection with this id; otherwise frees the tag area (the
@@ -68,17 +84,17 @@ uint8_t *Resume(uint32_t hColl, uint32_t id, uint8_t *area) {
 // Sends the advice message; the window procedure may call the library (the
 // lock is not held) and whatever it changes starts a chain of its own.
 void Deliver(uint32_t window, uint32_t hColl, uint8_t *area) {
-  ChangeChain *outer = t_chain;
+  const ChainFrame *outer = t_chain;
   t_chain = nullptr;
   platform::SendMessage(window, ps->adviceMsg, hColl, reinterpret_cast<intptr_t>(area));
   t_chain = outer;
 }
 
-void CommunicateInChain(uint32_t hColl, const char *tag, uint32_t n, ChangeChain *chain) {
+void CommunicateOnPath(uint32_t hColl, const char *tag, uint32_t n) {
   uint8_t *img = AccessColl(hColl);
   if (!img) return;
   const uint32_t id = CollId(img);
-  MarkReached(chain, hColl, id);
+  PathStep step(hColl, id);
   // The tag area also serves as the terminated copy of the tag that the
   // propagation copies use; the caller's tag is not read after a delivery.
   uint8_t *area = nullptr;
@@ -111,12 +127,11 @@ void CommunicateInChain(uint32_t hColl, const char *tag, uint32_t n, ChangeChain
       DeleteEntry(img, ch::propTarget, ch::propId, i);
       continue;
     }
-    if (Reached(chain, target, targetId)) {
+    if (OnPath(target, targetId)) {
       ++i;
       continue;
     }
     if (!area && !(area = MakeTagArea(tag, n))) return;
-    MarkReached(chain, target, targetId);
     ReleaseCollLock();
     collCopyItem(target, hColl, reinterpret_cast<const char *>(area + 2));
     if (!(img = Resume(hColl, id, area))) return;
@@ -163,17 +178,12 @@ uint32_t RemoveUpdate(uint8_t *img, uint32_t target) {
 }
 
 void CommunicateChange(uint32_t hColl, const char *tag, uint32_t n) {
-  if (t_chain) {
-    CommunicateInChain(hColl, tag, n, t_chain);
-    return;
+  if (!t_chain) {
+    // Most collections have nobody to tell: no chain to start then.
+    const uint8_t *img = GetCollPtr(hColl);
+    if (!img || (Entry(img, ch::adviceTarget, 0) == 0 && Entry(img, ch::propTarget, 0) == 0)) return;
   }
-  // Most collections have nobody to tell: no chain to start then.
-  const uint8_t *img = GetCollPtr(hColl);
-  if (!img || (Entry(img, ch::adviceTarget, 0) == 0 && Entry(img, ch::propTarget, 0) == 0)) return;
-  ChangeChain chain{};
-  t_chain = &chain;
-  CommunicateInChain(hColl, tag, n, &chain);
-  t_chain = nullptr;
+  CommunicateOnPath(hColl, tag, n);
 }
 
 }  // namespace coll

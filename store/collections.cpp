@@ -127,7 +127,6 @@ COLL_API(uint32_t) collRenameTag(uint32_t hColl, const char *oldTag, const char 
   if (!RetrieveItem(hColl, &img, oldTag, &block, &len)) return 0;
   uint32_t oldLength = collstrlen(oldTag, 0xFFFFFFFFu);
   uint32_t newLength = collstrlen(newTag, 0xFFFFFFFFu);
-  if (newLength == 0) return 0;
   if (oldLength == newLength && AsciiEqualN(oldTag, newTag, oldLength)) {
     // The same tag but for letter case: only the stored spelling changes; the
     // item keeps its place. Rewriting the identical value under the new
@@ -137,6 +136,8 @@ COLL_API(uint32_t) collRenameTag(uint32_t hColl, const char *oldTag, const char 
     std::memcpy(copy, block, BlockLength(block));
     return SetItemN(hColl, newTag, newLength, copy, 1);
   }
+  // An empty new tag is refused by the store, after the copy has been made
+  // (a nested collection's copy has taken its id by then); the copy goes.
   uint8_t *copy = DupItem(block, hColl);
   if (!copy) return 0;
   SetItemN(hColl, newTag, newLength, nullptr, 0);

@@ -39,9 +39,10 @@ void CollOrTableCheck(Owned owned, uint32_t communicate) {
 }
 
 // Removes the item at item offset p with tag length t and block length b.
-bool DeleteOldItem(uint8_t *img, uint32_t p, uint32_t t, uint32_t b) {
+bool DeleteOldItem(uint32_t hColl, uint8_t *img, uint32_t p, uint32_t t, uint32_t b) {
   uint32_t end = p + t + 4 + b;
   if (!CheckOffset(img, end)) return false;
+  IndexItemRemoving(hColl, img, p, end - p);
   uint32_t dl = CollDataLength(img);
   uint8_t *items = CollItems(img);
   std::memmove(items + p, items + end, dl - end);
@@ -68,6 +69,7 @@ bool AddItemAtEnd(const uint8_t *block, uint32_t hColl, uint8_t *img, const char
   AddToCache(img, q + 2);
   wr16(items + q + 2 + n, len);
   std::memcpy(items + q + 4 + n, block, len);
+  IndexItemAdded(hColl, img, q);
   return true;
 }
 
@@ -107,7 +109,7 @@ uint32_t SetItemEx(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, 
   // The lookup is repeated when destroying the old value released the lock
   // and another thread stored the same tag meanwhile.
   uint32_t t, p;
-  while (GetItemOffset(img, tag, n, &t, &p)) {
+  while (GetItemOffset(img, tag, n, &t, &p, hColl)) {
     uint8_t *items = CollItems(img);
     uint32_t b = rd16(items + p + 2 + t);
     uint8_t *stored = items + p + 4 + t;
@@ -149,7 +151,7 @@ uint32_t SetItemEx(uint32_t hColl, const char *tag, uint32_t n, uint8_t *block, 
       stored = items + p + 4 + t;
     }
     Owned old = OwnedBy(stored);
-    if (!DeleteOldItem(img, p, t, b)) {
+    if (!DeleteOldItem(hColl, img, p, t, b)) {
       ReleaseItem(block, owned);
       return 0;
     }

@@ -85,14 +85,23 @@ bool ItemAt(uint8_t *img, uint32_t p, ItemCursor *cur) {
   return true;
 }
 
+// True when the n stored tag bytes equal tag without regard to case. Tags
+// often share their beginnings ("item1", "item2", ...), so the last
+// character (lower-cased in last) is compared first.
+static bool SameTag(const uint8_t *stored, const char *tag, uint32_t n, uint8_t last) {
+  return n == 0 || (AsciiLower(stored[n - 1]) == last && AsciiEqualN(stored, tag, n));
+}
+static uint8_t LastOf(const char *tag, uint32_t n) { return n ? AsciiLower(static_cast<uint8_t>(tag[n - 1])) : 0; }
+
 uint32_t SearchCache(const uint8_t *img, const char *tag, uint32_t n, uint32_t *c) {
   const uint8_t *items = CollItems(img);
   uint32_t dl = CollDataLength(img);
+  const uint8_t last = LastOf(tag, n);
   for (uint32_t i = 0; i < COLL_CACHE_SIZE; ++i) {
     uint32_t e = rd32(img + ch::tagCache + 4 * i);
     if (e == 0) return 0;
     if (e < 2 || e > dl || n > dl - e) continue;
-    if (rd16(items + e - 2) == n && AsciiEqualN(items + e, tag, n)) {
+    if (rd16(items + e - 2) == n && SameTag(items + e, tag, n, last)) {
       *c = e;
       return 1;
     }
@@ -122,21 +131,19 @@ void DeleteFromCache(uint8_t *img, uint32_t c) {
 }
 
 // Walks the items for tag; gives the item's cursor. Bounds are tested at
-// every step, so a damaged image reads as "not found". Tags often share
-// their beginnings ("item1", "item2", ...), so a candidate of the right
-// length is screened by its last character before the full comparison.
+// every step, so a damaged image reads as "not found".
 static bool WalkFor(uint8_t *img, const char *tag, uint32_t n, ItemCursor *cur) {
   if (n == 0) return false;
   const uint32_t count = CollItemCount(img);
   const uint32_t dl = CollDataLength(img);
   const uint8_t *items = CollItems(img);
-  const uint8_t last = AsciiLower(static_cast<uint8_t>(tag[n - 1]));
+  const uint8_t last = LastOf(tag, n);
   uint32_t p = 0;
   for (uint32_t i = 0; i < count; ++i) {
     if (p + 4 > dl) return false;
     const uint32_t t = rd16(items + p);
     if (t > dl - p - 4) return false;
-    if (t == n && AsciiLower(items[p + 1 + t]) == last && AsciiEqualN(items + p + 2, tag, n))
+    if (t == n && SameTag(items + p + 2, tag, n, last))
       return ItemAt(img, p, cur);
     const uint32_t b = rd16(items + p + 2 + t);
     if (b > dl - p - 4 - t) return false;
@@ -145,17 +152,24 @@ static bool WalkFor(uint8_t *img, const char *tag, uint32_t n, ItemCursor *cur) 
   return false;
 }
 
-uint32_t FindAndSkipTag(uint8_t *img, const char *tag, uint32_t n) {
+// The first item of the tag in item order: through the index when one
+// serves, else by the walk.
+static bool FindTag(uint8_t *img, uint32_t hColl, const char *tag, uint32_t n, ItemCursor *cur) {
+  const int32_t found = hColl ? FindIndexed(hColl, img, tag, n, cur) : -1;
+  return found < 0 ? WalkFor(img, tag, n, cur) : found == 1;
+}
+
+uint32_t FindAndSkipTag(uint8_t *img, const char *tag, uint32_t n, uint32_t hColl) {
   uint32_t c;
   if (SearchCache(img, tag, n, &c)) return CheckOffset(img, c + n) ? c + n : kBadIndex;
   ItemCursor cur;
-  if (!WalkFor(img, tag, n, &cur)) return kBadIndex;
+  if (!FindTag(img, hColl, tag, n, &cur)) return kBadIndex;
   AddToCache(img, cur.p + 2);
   if (!CheckOffset(img, cur.p + 2 + cur.t)) return kBadIndex;
   return cur.p + 2 + cur.t;
 }
 
-uint32_t GetItemOffset(uint8_t *img, const char *tag, uint32_t n, uint32_t *t, uint32_t *p) {
+uint32_t GetItemOffset(uint8_t *img, const char *tag, uint32_t n, uint32_t *t, uint32_t *p, uint32_t hColl) {
   uint32_t c;
   if (SearchCache(img, tag, n, &c)) {
     *t = n;
@@ -163,7 +177,7 @@ uint32_t GetItemOffset(uint8_t *img, const char *tag, uint32_t n, uint32_t *t, u
     return 1;
   }
   ItemCursor cur;
-  if (!WalkFor(img, tag, n, &cur)) return 0;
+  if (!FindTag(img, hColl, tag, n, &cur)) return 0;
   *t = cur.t;
   *p = cur.p;
   return 1;
@@ -184,7 +198,7 @@ uint32_t RetrieveItem(uint32_t hColl, uint8_t **image, const char *tag, uint8_t 
   *dataLength = 0;
   *image = AccessColl(hColl);
   if (!*image) return 0;
-  uint32_t off = FindAndSkipTag(*image, tag, collstrlen(tag, 0xFFFFFFFFu));
+  uint32_t off = FindAndSkipTag(*image, tag, collstrlen(tag, 0xFFFFFFFFu), hColl);
   if (off == kBadIndex) return 0;
   *block = CollItems(*image) + off + 2;
   *dataLength = BlockDataLength(*block);

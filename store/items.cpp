@@ -45,7 +45,7 @@ uint32_t BuildItemResult(const uint8_t *block, void *buffer, uint32_t size, uint
 uint32_t RetrieveTableItem(uint32_t hColl, uint8_t **image, const char *tag, uint8_t **header, uint32_t *hTable) {
   *image = AccessColl(hColl);
   if (!*image) return 0;
-  uint32_t off = FindAndSkipTag(*image, tag, collstrlen(tag, 0xFFFFFFFFu));
+  uint32_t off = FindAndSkipTag(*image, tag, collstrlen(tag, 0xFFFFFFFFu), hColl);
   if (off == kBadIndex) return 0;
   const uint8_t *block = CollItems(*image) + off + 2;
   if (BlockType(block) != COLLTYPE_TABLE || BlockDataLength(block) < 4) return 0;

@@ -91,6 +91,27 @@ bool ItemAt(uint8_t *img, uint32_t p, ItemCursor *cur);
 // The item after cur; false at the end (or when the image is inconsistent).
 inline uint32_t NextItemOffset(const ItemCursor &cur) { return cur.p + 4 + cur.t + cur.b; }
 
+// ---- the tag index beside the image (REQUIRES: lock held)
+// A collection of TAG_INDEX_FROM items or more gets, on its first lookup
+// outside the tag cache, an index of its tags kept outside the image; the
+// engine keeps it right as items are appended and removed, and any other
+// change of the item area makes it rebuild. Without memory there is none and
+// lookups walk the items, with the same results.
+constexpr uint32_t TAG_INDEX_FROM = 16;
+// 1 and the item's cursor when hColl's index holds the tag, 0 when the
+// collection has no such item, -1 when no index serves (walk instead).
+int32_t FindIndexed(uint32_t hColl, uint8_t *img, const char *tag, uint32_t n, ItemCursor *cur);
+// The engine's two changes of the item area: an item appended at item offset
+// p (after it is written), and the item at p of size bytes about to be
+// removed (before the items behind it move).
+void IndexItemAdded(uint32_t hColl, uint8_t *img, uint32_t p);
+void IndexItemRemoving(uint32_t hColl, uint8_t *img, uint32_t p, uint32_t size);
+// Frees the index of a handle's slot (the image went or another takes it).
+void DropTagIndex(uint32_t hColl);
+// For checks: the number of tags in hColl's index, -1 when it has none, -2
+// when it no longer describes img (it is rebuilt on the next lookup).
+int32_t TagIndexEntries(uint32_t hColl, const uint8_t *img);
+
 // ---- pointer tests and strings (no lock needed)
 // Non-zero when the memory is not accessible; size 0 always passes; for
 // reads, size 1 or 0xFFFFFFFF tests the first byte only.
@@ -106,9 +127,11 @@ inline uint32_t CollPagesFor(uint32_t size) { return (size + 4) / COLL_PAGE + 1;
 bool CheckOffset(const uint8_t *img, uint32_t offset);
 uint32_t GetCollWord(const uint8_t *img, uint32_t offset);
 void SetCollWord(uint8_t *img, uint32_t offset, uint32_t value);
-// Tag search (n = tag length; tags are not terminated).
-uint32_t FindAndSkipTag(uint8_t *img, const char *tag, uint32_t n);
-uint32_t GetItemOffset(uint8_t *img, const char *tag, uint32_t n, uint32_t *t, uint32_t *p);
+// Tag search (n = tag length; tags are not terminated). With the handle of
+// img, the search outside the tag cache goes through the collection's tag
+// index; without (0), it walks the items.
+uint32_t FindAndSkipTag(uint8_t *img, const char *tag, uint32_t n, uint32_t hColl = 0);
+uint32_t GetItemOffset(uint8_t *img, const char *tag, uint32_t n, uint32_t *t, uint32_t *p, uint32_t hColl = 0);
 uint32_t SearchCache(const uint8_t *img, const char *tag, uint32_t n, uint32_t *c);
 void AddToCache(uint8_t *img, uint32_t c);
 void DeleteFromCache(uint8_t *img, uint32_t c);

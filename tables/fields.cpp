@@ -47,6 +47,7 @@ uint32_t TableSetString(uint32_t hTable, uint8_t *h, uint32_t row, uint32_t colu
   std::memmove(data + offset + n, data + offset + o, dataLength - offset - o);
   std::memcpy(data + offset, text, n - 1);
   data[offset + n - 1] = 0;
+  RowIndexMoved(h, offset, d);
   wr16(h + th::length, TableLength(h) + d);
   if (row != kRowHeader) {
     wr32(h + th::attrOffset, TableAttrOffset(h) + d);

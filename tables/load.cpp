@@ -45,11 +45,15 @@ bool ReadStoredTable(const uint8_t *stored, uint32_t available, StoredTable *t) 
     if (count == namesEnd) rowsOffset = offset + cutOff;
     if (count == rowsEnd) attrOffset = offset + cutOff;
   }
-  // Strings missing at the end are empty: one byte each.
+  // Strings missing at the end are empty: one byte each, zeros after the
+  // copied data. A string cut off by the end of the data counts as one
+  // string; its terminator is the first of those zeros, so the data then
+  // holds one string fewer than expected, or ends without its last
+  // terminator, and a scan finds the rest of the strings empty at its end.
   const uint64_t end = uint64_t(offset) + cutOff;
   if (count < namesEnd) rowsOffset = end + (namesEnd - count);
   if (count < rowsEnd) attrOffset = end + (rowsEnd - count);
-  const uint64_t length = uint64_t(storedLength) + 36 + cutOff + (expected - count);
+  const uint64_t length = uint64_t(storedLength) + 36 + (expected - count);
   if (length <= TABLE_HEADER_SIZE || length > kMaxLoadedLength) return false;
   t->length = static_cast<uint32_t>(length);
   t->rowsOffset = static_cast<uint32_t>(rowsOffset);

@@ -58,6 +58,7 @@ uint32_t AddRow(uint32_t hTable, uint8_t *h, uint32_t row) {
     wr32(h + th::cacheValid, 0);
     MoveTail(h, data, TableRowsOffset(h), cols);
     std::memset(data, 0, cols);
+    RowIndexMoved(h, 0, -d);
     AddToField(h, th::rowsOffset, -d);
     AddToField(h, th::attrOffset, -d);
     AddToLength(h, -d);
@@ -72,6 +73,7 @@ uint32_t AddRow(uint32_t hTable, uint8_t *h, uint32_t row) {
     AddToField(h, th::attrOffset, int32_t(cols));
     AddToLength(h, int32_t(cols));
     wr16(h + th::rows, TableRows(h) + 1);
+    RowIndexInserted(h, row == kRowAppend ? TableRows(h) - 1 : row, cols);
   } else {
     return 0;
   }
@@ -100,6 +102,7 @@ uint32_t SetRow(uint32_t hTable, uint8_t *h, uint32_t row, const uint8_t *fields
     wr32(h + th::cacheValid, 0);
     MoveTail(h, data, TableRowsOffset(h), uint32_t(w));
     PutRow(data, fields, u, m);
+    RowIndexMoved(h, 0, d);
     AddToLength(h, d);
     AddToField(h, th::rowsOffset, d);
     AddToField(h, th::attrOffset, d);
@@ -117,6 +120,7 @@ uint32_t SetRow(uint32_t hTable, uint8_t *h, uint32_t row, const uint8_t *fields
     AddToField(h, th::attrOffset, w);
     AddToLength(h, w);
     wr16(h + th::rows, TableRows(h) + 1);
+    RowIndexInserted(h, TableRows(h) - 1, uint32_t(w));
   } else if (row < TableRows(h)) {
     uint32_t o;
     const uint32_t p = RowAt(h, row, &o);
@@ -124,6 +128,7 @@ uint32_t SetRow(uint32_t hTable, uint8_t *h, uint32_t row, const uint8_t *fields
     if (!(data = LimitCheck(h, d, hTable))) return 0;
     MoveTail(h, data, p + o, p + uint32_t(w));
     PutRow(data + p, fields, u, m);
+    RowIndexMoved(h, p, d);
     AddToLength(h, d);
     AddToField(h, th::attrOffset, d);
   } else {
@@ -177,6 +182,7 @@ COLL_API(void) tableDeleteRow(HTABLE hTable, uint32_t row) {
   AddToField(h, th::attrOffset, -int32_t(n));
   const uint32_t rows = TableRows(h) - 1;
   wr16(h + th::rows, rows);
+  RowIndexDeleted(h, row, n);
   const uint32_t selection = TableSelection(h);
   if (selection >= rows || selection == row) wr16(h + th::selection, TABLE_NO_SELECTION);
   StampTable(h);

@@ -13,6 +13,8 @@ namespace coll {
 namespace {
 constexpr uint32_t kScanLimit = 65535;
 constexpr uint32_t kRowHeader = 0xFFFFFFFFu;
+// Scanning this many short strings costs about what a row index lookup does.
+constexpr uint32_t kNearStrings = 16;
 
 // Pages of TABLE_PAGE bytes that hold size bytes.
 uint32_t PagesFor(uint32_t size) { return (size + TABLE_PAGE - 1) / TABLE_PAGE; }
@@ -189,7 +191,14 @@ uint32_t tablestrlen(uint8_t *h, uint32_t n) {
   uint32_t index = rd32(h + th::cacheIndex);
   uint32_t offset = rd32(h + th::cacheOffset);
   if (valid && offset > end) valid = 0;
-  if (valid && n >= index) {
+  // A string far from the remembered one is found through the row index,
+  // which gives what the scan would.
+  const uint32_t distance = !valid ? n : n >= index ? n - index : n > index / 2 ? index - n : n;
+  const uint32_t indexed = distance > kNearStrings ? RowIndexFind(h, n) : kBadIndex;
+  if (indexed != kBadIndex) {
+    offset = indexed;
+    wr32(h + th::cacheValid, 1);
+  } else if (valid && n >= index) {
     offset = SkipStrings(data, offset, n - index, end);
   } else if (valid && n > index / 2) {
     offset = SkipStringsBack(data, offset, index - n);

@@ -140,6 +140,24 @@ uint8_t *GetTableDataPtr(uint8_t *header, uint32_t row, uint32_t column, uint32_
 // Offset of string number n in the data block, through the position cache.
 uint32_t tablestrlen(uint8_t *header, uint32_t n);
 
+// ---- the row index of a data record (tables/index.cpp; REQUIRES: lock
+// held). It describes the bytes every header sharing the record sees; the
+// changes below report what they did to the header's (private) block after
+// they did it, and the index follows or is dropped.
+// Frees the index of a record.
+void DropRowIndex(TableDataRec *rec);
+// Offset of string n through the index, built when the record has none; the
+// same offset as a scan from the start of the data. kBadIndex when there is
+// no index (no memory, or data with fewer strings than the header claims)
+// or n lies past the first attribute string's row.
+uint32_t RowIndexFind(const uint8_t *header, uint32_t n);
+// The bytes after offset moved by d (a string or row at offset replaced).
+void RowIndexMoved(const uint8_t *header, uint32_t offset, int32_t d);
+// A row of bytes bytes was inserted as row (rows already counts it).
+void RowIndexInserted(const uint8_t *header, uint32_t row, uint32_t bytes);
+// Row row, of bytes bytes, was deleted (rows no longer counts it).
+void RowIndexDeleted(const uint8_t *header, uint32_t row, uint32_t bytes);
+
 // ---- the work of the table functions on a resolved header, shared with
 // the readers of table items (REQUIRES: lock held)
 // Copies the addressed string (cut to size - 1 bytes, terminated); its

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <set>
 #include <sstream>
+#include <unordered_map>
 
 #include "frame/frame.h"
 #include "store/store.h"
@@ -37,13 +38,17 @@ std::string CheckCollection(uint32_t h, uint8_t *img, uint32_t *collNamed, uint3
   if (CollPages(img) > COLL_MAX_PAGES) return where + "too many pages";
   if (CollPages(img) < CollPagesFor(COLL_HEADER_SIZE + dl)) return where + "data past the pages";
   uint32_t p = 0, count = 0;
-  std::set<uint32_t> tags;  // offsets of the tags, for the cache
+  std::set<uint32_t> tags;                          // offsets of the tags, for the cache
+  std::unordered_map<std::string, uint32_t> first;  // tag in upper case -> its first item
   ItemCursor cur;
   for (; p < dl; p = NextItemOffset(cur), ++count) {
     if (!ItemAt(img, p, &cur)) return Fault(where, "item runs past the data at ", p);
     if (cur.t == 0) return Fault(where, "empty tag at ", p);
     if (cur.b < ITEM_BLOCK_HEAD || BlockLength(cur.block) != cur.b) return Fault(where, "block length mismatch at ", p);
     tags.insert(p + 2);
+    std::string key(reinterpret_cast<const char *>(cur.tag), cur.t);
+    for (char &c : key) c = static_cast<char>(AsciiUpper(static_cast<uint8_t>(c)));
+    first.emplace(key, p);
     const uint32_t type = BlockType(cur.block);
     if (type != COLLTYPE_TABLE && type != COLLTYPE_COLL) continue;
     if (BlockDataLength(cur.block) != 4) return Fault(where, "handle item of ", cur.b, " bytes");
@@ -58,6 +63,17 @@ std::string CheckCollection(uint32_t h, uint8_t *img, uint32_t *collNamed, uint3
   }
   if (p != dl) return where + "walk does not end at the data length";
   if (count != CollItemCount(img)) return Fault(where, "item count ", CollItemCount(img), " but ", count, " items");
+  // The tag index, where there is one, answers what the walk answers.
+  if (const int32_t indexed = TagIndexEntries(h, img); indexed != -1) {
+    if (indexed == -2) return where + "tag index left behind by a change";
+    if (static_cast<uint32_t>(indexed) != first.size())
+      return Fault(where, "tag index of ", indexed, " tags, ", first.size(), " in the walk");
+    for (const auto &[key, q] : first) {
+      ItemCursor found;
+      if (FindIndexed(h, img, key.data(), static_cast<uint32_t>(key.size()), &found) != 1 || found.p != q)
+        return where + "tag index misplaces " + key;
+    }
+  }
   for (uint32_t i = 0; i < COLL_CACHE_SIZE; ++i) {
     const uint32_t e = rd32(img + ch::tagCache + 4 * i);
     if (e == 0 && i + 1 < COLL_CACHE_SIZE && rd32(img + ch::tagCache + 4 * (i + 1)) != 0)
@@ -73,10 +89,16 @@ std::string CheckTable(uint32_t h, uint8_t *hdr) {
   const uint8_t *data = TableData(hdr);
   const uint32_t end = TableDataLength(hdr);
   const uint32_t strings = TableCols(hdr) + TableRows(hdr) * TableCols(hdr) + TABLE_ATTRIBUTES;
-  // Every string of the data in use ends inside it.
-  if (end && data[end - 1] != 0) return where + "last string unterminated";
-  const auto n = uint32_t(std::count(data, data + end, 0));
-  if (n != strings) return Fault(where, n, " strings, expected ", strings);
+  // Count the strings of the data in use. A loaded table may lack one (a
+  // string cut off by the end of its stored data took the terminator of the
+  // first empty string added), end in an unterminated string, or keep bytes
+  // after its last string.
+  uint32_t n = 0;
+  for (uint32_t offset = 0; offset < end; ++n) {
+    while (offset < end && data[offset] != 0) ++offset;
+    offset += offset < end;
+  }
+  if (n + 1 < strings) return Fault(where, n, " strings, expected ", strings);
   const uint32_t rowsAt = SkipStrings(data, 0, TableCols(hdr), end);
   if (TableRowsOffset(hdr) != rowsAt)
     return Fault(where, "rows offset ", TableRowsOffset(hdr), ", names end at ", rowsAt);
@@ -85,6 +107,28 @@ std::string CheckTable(uint32_t h, uint8_t *hdr) {
     return Fault(where, "attribute offset ", TableAttrOffset(hdr), ", rows end at ", attrAt);
   if (ps->tableData[TableDataIndex(hdr)].owned && TablePages(hdr) * TABLE_PAGE < end)
     return where + "data past its pages";
+  return {};
+}
+
+// The row index of a table's data record, where there is one, and the
+// position cache, where valid, give what a scan from the start gives.
+std::string CheckRowIndex(uint32_t h, const uint8_t *hdr) {
+  const std::string where = "table " + Hex(h) + ": ";
+  const uint8_t *data = TableData(hdr);
+  const uint32_t end = TableDataLength(hdr), cols = TableCols(hdr);
+  if (rd32(hdr + th::cacheValid)) {
+    const uint32_t index = rd32(hdr + th::cacheIndex), offset = rd32(hdr + th::cacheOffset);
+    if (SkipStrings(data, 0, index, end) != offset)
+      return where + "position cache: string " + std::to_string(index) + " at " + std::to_string(offset);
+  }
+  const TableDataRec &rec = ps->tableData[TableDataIndex(hdr)];
+  if (!rec.rowStart) return {};
+  if (rec.rowStartCount != TableRows(hdr) + 2 || rec.rowStartCount > rec.rowStartCapacity)
+    return where + "row index of " + std::to_string(rec.rowStartCount) + " entries";
+  for (uint32_t k = 0, offset = 0; k < rec.rowStartCount; offset = SkipStrings(data, offset, cols, end), ++k)
+    if (rec.rowStart[k] != offset)
+      return where + "row index entry " + std::to_string(k) + " is " + std::to_string(rec.rowStart[k]) +
+             ", the row starts at " + std::to_string(offset);
   return {};
 }
 
@@ -114,6 +158,7 @@ std::string CheckState() {
     if (!hdr) continue;
     if (slot > ps->tableHigh) return "table slot " + std::to_string(slot) + " above tableHigh";
     std::string fault = CheckTable(kTableBase + slot, hdr);
+    if (fault.empty()) fault = CheckRowIndex(kTableBase + slot, hdr);
     if (!fault.empty()) return fault;
     ++refs[TableDataIndex(hdr)];
   }
@@ -121,6 +166,7 @@ std::string CheckState() {
     const TableDataRec &rec = ps->tableData[i];
     if (rec.refCount != refs[i]) return Fault("data record ", i, ": refCount ", rec.refCount, " but ", refs[i], " headers");
     if (!refs[i] != !rec.data) return Fault("data record ", i, refs[i] ? " in use without data" : " holds data but no header");
+    if (!rec.data && rec.rowStart) return Fault("data record ", i, " free but indexed");
   }
   // Every chain of owners ends at a top-level collection: no collection owns
   // itself, directly or through others.

@@ -10,12 +10,16 @@ namespace testutil {
 // Walks every live collection, table and table data record and checks that
 // they agree with each other:
 //  - each collection image: the item walk ends at dataLength, itemCount
-//    agrees, cache entries point at tags, pages hold the data;
+//    agrees, cache entries point at tags, pages hold the data; its tag
+//    index, where it has one, describes it and finds every tag where the
+//    walk finds it first;
 //  - each table or collection item names a live object owned by that
 //    collection, each owned object is named by exactly one item of its
 //    owner, and every chain of owners ends at a top-level collection;
 //  - each table header passes isBadTablePtr, and its cols + rows * cols + 5
 //    strings lie within its data length;
+//  - each table's position cache, where valid, and the row index of its
+//    data record, where there is one, agree with a scan of the strings;
 //  - each table data record's reference count equals the number of live
 //    headers naming it, and a record in use has data.
 // Empty when consistent, else a description of the first fault found.

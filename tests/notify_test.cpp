@@ -102,7 +102,7 @@ const Scenario kScenarios[] = {
     {"chain", "c", [](World &w) { P(w.a, w.b); P(w.b, w.c); Set(w.a, "x", "1"); }, "a: b: c:x", "a[x=1] b[x=1] c[x=1]"},
     {"cycles end, deletions of absent tags too", "abc",
      [](World &w) { P(w.a, w.b); P(w.b, w.a); P(w.b, w.c); P(w.c, w.a); Set(w.a, "x", "1"); Del(w.b, "x"); Del(w.c, "x"); },
-     "a:x,x,x b:x,x,x c:x,x,x", "a[] b[] c[]"},
+     "a:x,x,x,x b:x,x,x c:x,x,x", "a[] b[] c[]"},  // b's deletion reaches a along b-a and b-c-a
     {"the same target twice", "b",
      [](World &w) {
        P(w.a, w.b); P(w.a, w.b);

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <functional>
 #include <iterator>
+#include <map>
+#include <random>
 #include <string>
 
 #include "coll.h"
@@ -334,6 +336,82 @@ TEST(RawItems, CopyOutObtainAndCompare) {
   };
   for (const auto &[value, n, want] : compares) EXPECT_EQ(collCompare(h, "t", value, n), want) << value;
   EXPECT_EQ(collCompare(h, "missing", "a", ~0u), -1);
+}
+
+// Seeded changes of every kind to collections large enough for a tag index:
+// after each, the index agrees with a walk (CheckState) and every read with
+// a model; closing and opening again reuses the handle without the index.
+TEST(TagIndex, AgreesWithTheWalkThroughEveryChange) {
+  std::mt19937 rng(20261123);
+  std::map<std::string, std::string> model;  // tag in upper case -> text
+  HCOLL h = collOpen("big"), other = collOpen("other");
+  auto upper = [](std::string t) {
+    for (char &c : t) c = static_cast<char>(coll::AsciiUpper(static_cast<uint8_t>(c)));
+    return t;
+  };
+  auto anyTag = [&] {
+    const std::string t = "tag" + std::to_string(rng() % 90);
+    return rng() % 2 ? upper(t) : t;
+  };
+  uint32_t indexed = 0;
+  for (int step = 0; step < 4000; ++step) {
+    const std::string tag = anyTag(), key = upper(tag);
+    char buf[16];
+    switch (rng() % 9) {
+      case 0: case 1: case 2: {  // an empty text deletes; another length moves the item to the end
+        const std::string text(rng() % 6, char('a' + rng() % 26));
+        ASSERT_EQ(collSetString(h, tag.c_str(), text.c_str()), 1u);
+        if (text.empty()) model.erase(key); else model[key] = text;
+        break;
+      }
+      case 3: {
+        const std::string to = anyTag();
+        const bool had = model.count(key) != 0;
+        ASSERT_EQ(collRenameTag(h, tag.c_str(), to.c_str()), had ? 1u : 0u);
+        if (had) {
+          const std::string v = model[key];
+          model.erase(key);
+          model[upper(to)] = v;
+        }
+        break;
+      }
+      case 4: case 5: {
+        const auto it = model.find(key);
+        const std::string want = it == model.end() ? "" : it->second;
+        ASSERT_EQ(collGetString(h, tag.c_str(), buf, sizeof buf), want.size() + 1) << tag;
+        ASSERT_EQ(std::string(buf), want) << tag;
+        break;
+      }
+      case 6:
+        if (rng() % 4 == 0) collMerge(other, h);
+        break;
+      case 7:
+        if (rng() % 8 == 0) {
+          std::string image(collDumpItems(h, nullptr, 0), '\0');
+          collDumpItems(h, image.data(), static_cast<uint32_t>(image.size()));
+          collLoadItems(other, image.data(), static_cast<uint32_t>(image.size()));
+          collSetColl(other, key.c_str(), h);
+        }
+        break;
+      default:
+        if (rng() % 40 == 0) {
+          collClose(h);
+          ASSERT_EQ(collOpen("again"), h);
+          model.clear();
+        } else if (rng() % 40 == 0) {
+          collEmpty(other);
+        }
+        break;
+    }
+    {
+      coll::LockGuard lock;
+      if (coll::TagIndexEntries(h, coll::GetCollPtr(h)) >= 0) ++indexed;
+    }
+    ASSERT_EQ(testutil::CheckState(), "") << "step " << step;
+  }
+  EXPECT_GT(indexed, 2000u);
+  collClose(h);
+  collClose(other);
 }
 
 }  // namespace

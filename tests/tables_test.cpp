@@ -316,7 +316,7 @@ TEST(TableObject, FailuresOfBadArguments) {
 
 // Loaded tables whose strings fall short: one that claims more rows than its
 // strings fill reads the missing ones as empty, attributes after them; one
-// whose last string has no terminator ends that string where its data ends.
+// whose last string has no terminator keeps it so, read up to the data's end.
 TEST(TableObject, LoadedTablesWithStringsFallingShort) {
   for (bool cut : {false, true}) {
     HCOLL c = collOpen("c");
@@ -330,7 +330,12 @@ TEST(TableObject, LoadedTablesWithStringsFallingShort) {
     if (cut) image.pop_back();
     if (!cut) image[24] = 10;
     HTABLE back = tableLoad(image.data(), uint32_t(image.size()), 0, 0, 0);
-    EXPECT_EQ(Grid(back) + " " + Row(back, ROW_ATTRIBUTES), cut ? "n/a/b ||||xy" : "n/a/b//////// ||||");
+    if (cut) {  // the cut string ends the data without a terminator: the packed row has none either
+      EXPECT_EQ(Grid(back) + " " + Field(back, ROW_HEADER, uint32_t(-5)), "n/a/b xy");
+      EXPECT_EQ(tableGetRow(back, uint32_t(ROW_ATTRIBUTES), nullptr, 0), 6u);
+    } else {
+      EXPECT_EQ(Grid(back) + " " + Row(back, ROW_ATTRIBUTES), "n/a/b//////// ||||");
+    }
     ExpectOffsets(back);
     collClose(c);
   }
@@ -428,6 +433,74 @@ TEST(CollTables, SelectedRowToCollection) {
   EXPECT_EQ(collTableDataToCollection(c, c, "p"), 0u);
   EXPECT_EQ(collGetNonSharedHandles(nullptr, 0), open);  // no temporary collection stays
   EXPECT_EQ(RecordsInUse(), 1u);
+}
+
+// Changes of every kind between reads at random places, through a table and
+// a copy sharing its block: every field equals the model's, and the row index
+// (built by the far reads) stays in step with the strings.
+TEST(TableRowIndex, FollowsEveryChange) {
+  std::mt19937 rng(15);
+  const uint32_t cols = 3;
+  std::vector<std::vector<std::string>> model(1, std::vector<std::string>(cols)), copyModel;  // names first, then rows
+  HTABLE t = tableCreate(cols, 0), copy = 0;
+  auto text = [&] { return std::string(rng() % 6, char('a' + rng() % 26)); };
+  for (int i = 0; i < 2500; ++i) {
+    const uint32_t rows = uint32_t(model.size() - 1), r = rows ? uint32_t(rng() % rows) : 0;
+    std::vector<std::string> fields(cols);
+    for (std::string &f : fields) f = text();
+    switch (rng() % 8) {
+      case 0:
+      case 1:
+        if (rows) {
+          const uint32_t c = uint32_t(rng() % cols);
+          model[r + 1][c] = text();
+          ASSERT_EQ(tableSetItem(t, int32_t(r), c, model[r + 1][c].c_str()), 1u);
+        }
+        break;
+      case 2: {
+        const uint32_t at = uint32_t(rng() % (rows + 1));
+        ASSERT_EQ(tableAddRow(t, at), 1u);
+        model.insert(model.begin() + at + 1, std::vector<std::string>(cols));
+        break;
+      }
+      case 3:
+        if (rows > 20) {
+          tableDeleteRow(t, r);
+          model.erase(model.begin() + r + 1);
+        }
+        break;
+      case 4:
+        if (rows) {
+          ASSERT_EQ(SetRow(t, int32_t(r), Join(fields)), 1u);
+          model[r + 1] = fields;
+        }
+        break;
+      case 5:
+        ASSERT_EQ(SetRow(t, ROW_APPEND, Join(fields)), 1u);
+        model.push_back(fields);
+        break;
+      case 6:
+        ASSERT_EQ(SetRow(t, ROW_NAMES, Join(fields)), 1u);
+        ASSERT_EQ(tableSetItem(t, ROW_HEADER, uint32_t(-2), text().c_str()), 1u);
+        model[0] = fields;
+        break;
+      default:
+        tableDestroy(copy);
+        copy = tableCopy(t, 0);
+        copyModel = model;
+    }
+    for (int k = 0; k < 4; ++k) {
+      const uint32_t at = uint32_t(rng() % model.size()), c = uint32_t(rng() % cols);
+      ASSERT_EQ(Field(t, int32_t(at) - 1, c), model[at][c]) << i;
+      if (copy) {
+        const uint32_t in = uint32_t(at % copyModel.size());
+        ASSERT_EQ(Field(copy, int32_t(in) - 1, c), copyModel[in][c]) << i;
+      }
+    }
+    ASSERT_EQ(testutil::CheckState(), "") << i;
+  }
+  tableDestroy(copy);
+  tableDestroy(t);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ import sys
 
 OURS = ("Coll", "Table", "Lock")
 GROUPS = [
-    ("Keyed reads and writes", ("Coll", "Map", "Sqlite"), re.compile(r"Numeric|String|DeleteReinsert")),
+    ("Keyed reads and writes", ("Coll", "Map", "Sqlite"), re.compile(r"Numeric|String|DeleteReinsert|Reload")),
     ("Tables of 10,000 rows and 5 columns", ("Table", "Vector", "Sqlite"),
      re.compile(r"Read|Find|AppendRow|ReplaceField")),
     ("Dumps and loads", ("Coll", "Memcpy", "Sqlite"), re.compile(r"Dump|Load")),

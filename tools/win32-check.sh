@@ -5,24 +5,15 @@
 #
 #   tools/win32-check.sh [build-dir-prefix]      (default: build-win)
 #
-# Installs mingw-w64 and wine64 (Debian packages) when they are missing.
+# Installs mingw-w64 and wine64 (Debian packages) when they are missing
+# (through tools/deps.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 src=$PWD
 out=${1:-build-win}
 export TZ=UTC
 
-need=()
-command -v x86_64-w64-mingw32-g++-posix >/dev/null || need+=(mingw-w64)
-[ -x /usr/lib/wine/wine64 ] || need+=(wine64)
-[ -d /usr/src/googletest ] || need+=(libgtest-dev)
-command -v cmake >/dev/null || need+=(cmake)
-command -v ninja >/dev/null || need+=(ninja-build)
-if [ ${#need[@]} -gt 0 ]; then
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq "${need[@]}"
-fi
+tools/deps.sh --win32
 
 wine=/usr/lib/wine/wine64
 wineserver=/usr/lib/wine/wineserver

@@ -35,11 +35,18 @@ bool SameTag(const Bytes &a, const Bytes &b) {
   return true;
 }
 
-// A record list being read: [pos, end) of the image, inside the nested
-// collection named path (empty for the image's own list).
+// A record list being read: from pos while the position lies before end,
+// inside the nested collection named path (empty for the image's own
+// list). Its records may run past end, never past the image.
 struct ListReader {
   const Bytes &image;
   std::vector<Note> *notes;
+  bool *normalised;
+
+  void Lenient(uint32_t offset, std::string what) {
+    notes->push_back(Note{offset, std::move(what)});
+    *normalised = true;
+  }
 
   std::string Where(const std::string &path, uint32_t end) const {
     if (path.empty()) return "the image";
@@ -50,14 +57,15 @@ struct ListReader {
     std::vector<Bytes> seen;  // the tags a load stores, as cut at a zero
     std::vector<uint32_t> seenAt;
     while (pos < end) {
-      const uint32_t remaining = end - pos;
+      const uint32_t size = uint32_t(image.size()), remaining = size - pos;
       if (remaining < 2)
-        return Damage{pos, Format("expected a record (at least 10 bytes), but only %u byte remains in %s", remaining,
-                                  Where(path, end).c_str())};
+        return Damage{pos, Format("expected a record (at least 10 bytes), but only %u byte remains in the image",
+                                  remaining)};
       const uint32_t n = Be16(image, pos);
       if (remaining - 2 < n + 2 + kBlockHead)
-        return Damage{pos, Format("a record with a tag of %u bytes needs at least %u bytes, but only %u remain in %s",
-                                  n, n + 4 + kBlockHead, remaining, Where(path, end).c_str())};
+        return Damage{pos, Format("a record with a tag of %u bytes needs at least %u bytes, but only %u remain in the "
+                                  "image",
+                                  n, n + 4 + kBlockHead, remaining)};
       Item item;
       item.offset = pos;
       item.tag = image.substr(pos + 2, n);
@@ -69,24 +77,31 @@ struct ListReader {
       const uint32_t L = Be16(image, blk + 4);
       const std::string tagText = Escape(path.empty() ? item.tag : path + "/" + item.tag);
       if (valueLength != L)
-        return Damage{lengthAt, Format("the value length %u of '%s' differs from the length %u in its block head "
-                                       "(offset %u)",
-                                       valueLength, tagText.c_str(), L, blk + 4)};
+        Lenient(lengthAt, Format("the value length %u of '%s' differs from the length %u in its block "
+                                               "head (offset %u): a load goes by the block's",
+                                               valueLength, tagText.c_str(), L, blk + 4));
       if (L < kBlockHead)
         return Damage{blk + 4,
                       Format("the block of '%s' claims %u bytes, less than its own 6-byte head", tagText.c_str(), L)};
-      if (L > end - blk)
-        return Damage{blk + 4, Format("the block of '%s' claims %u bytes, but only %u remain in %s", tagText.c_str(), L,
-                                      end - blk, Where(path, end).c_str())};
+      if (L > size - blk)
+        return Damage{blk + 4, Format("the block of '%s' claims %u bytes, but only %u remain in the image",
+                                      tagText.c_str(), L, size - blk)};
+      if (blk + L > end)
+        Lenient(blk + 4, Format("the block of '%s' runs past the end of %s: a load reads on there", tagText.c_str(),
+                                Where(path, end).c_str()));
       if (item.type < kTypeItem || item.type > kTypeText7)
         return Damage{blk, Format("type code %u of '%s', expected 1 to 7", item.type, tagText.c_str())};
       switch (item.type) {
         case kTypeTime:
         case kTypeNumeric:
-          if (L != kBlockHead + 4)
-            return Damage{blk + 4, Format("the %s block of '%s' is %u bytes long, expected 10",
+          if (L < kBlockHead + 4)
+            return Damage{blk + 4, Format("the %s block of '%s' is %u bytes long, expected at least 10",
                                           TypeName(item.type).c_str(), tagText.c_str(), L)};
           item.value = Be32(image, blk + kBlockHead);
+          item.data = image.substr(blk + kBlockHead + 4, L - kBlockHead - 4);  // kept after the value
+          if (!item.data.empty())
+            Lenient(blk + 4, Format("the %s block of '%s' holds %u bytes after its value", TypeName(item.type).c_str(),
+                                    tagText.c_str(), L - kBlockHead - 4));
           break;
         case kTypeTable: {
           if (L < kTableBlock)
@@ -94,21 +109,25 @@ struct ListReader {
                                           "and stored table header)",
                                           tagText.c_str(), L)};
           const uint32_t stored = Be16(image, blk + kBlockHead + 2);
-          if (stored != L - kBlockHead)
-            return Damage{blk + kBlockHead + 2, Format("the stored length %u of table '%s' differs from its block "
-                                                       "length less the block head, %u",
+          if (stored < 12 || stored > L - kBlockHead)
+            return Damage{blk + kBlockHead + 2, Format("the stored length %u of table '%s' is not within 12 and its "
+                                                       "block length less the block head, %u",
                                                        stored, tagText.c_str(), L - kBlockHead)};
+          if (stored < L - kBlockHead)
+            Lenient(blk + kBlockHead + 2, Format("table '%s' stores %u bytes fewer than its block holds: a load "
+                                                 "ignores them",
+                                                 tagText.c_str(), L - kBlockHead - stored));
           Table &t = item.table;
           t.magic = uint16_t(Be16(image, blk + kBlockHead));
           t.type = uint16_t(Be16(image, blk + kBlockHead + 4));
           t.rows = uint16_t(Be16(image, blk + kBlockHead + 6));
           t.cols = uint16_t(Be16(image, blk + kBlockHead + 8));
           t.selection = uint16_t(Be16(image, blk + kBlockHead + 10));
-          t.data = image.substr(blk + kTableBlock, L - kTableBlock);
+          t.data = image.substr(blk + kTableBlock, stored - 12);
           ClassifyTable(&t);
           if (!t.unloadable.empty())
-            notes->push_back(Note{blk, Format("table '%s' cannot be rebuilt (%s): a load skips it", tagText.c_str(),
-                                              t.unloadable.c_str())});
+            return Damage{blk, Format("table '%s' cannot be rebuilt (%s): a load refuses the whole image",
+                                      tagText.c_str(), t.unloadable.c_str())};
           break;
         }
         case kTypeColl: {
@@ -160,6 +179,7 @@ void PutBlock(const Item &item, Bytes *block) {
     case kTypeTime:
     case kTypeNumeric:
       Put32(block, item.value);
+      block->append(item.data);
       break;
     case kTypeTable: {
       Table t = item.table;
@@ -246,12 +266,13 @@ std::optional<Damage> ReadImage(const Bytes &image, Dump *dump, std::vector<Note
                ? Format("checksum 0x%04X, expected 0x0000 since nothing follows the header", stored)
                : Format("checksum 0x%04X, expected 0x%04X (the byte sum of offsets 6 to %zu)", stored, sum, size - 1)};
   std::vector<Note> ignored;
-  ListReader reader{image, notes ? notes : &ignored};
   Dump local;
   Dump &d = dump ? *dump : local;
+  ListReader reader{image, notes ? notes : &ignored, &d.normalised};
   d.length = uint32_t(size);
   d.checksum = stored;
   d.items.clear();
+  d.normalised = false;
   return reader.Read(kHeaderSize, uint32_t(size), "", &d.items);
 }
 
@@ -325,7 +346,7 @@ void ClassifyTable(Table *t) {
   const uint64_t storedLength = 12 + t->data.size();
   const uint64_t expected = uint64_t(t->cols) * (t->rows + 1u) + kAttributes;
   // Count the strings as a load does: never past the data; a last string
-  // without its zero gets one.
+  // cut off by the end of the data counts as one.
   std::vector<Bytes> strings;
   size_t offset = 0;
   uint64_t cutOff = 0;
@@ -340,7 +361,7 @@ void ClassifyTable(Table *t) {
       offset = zero + 1;
     }
   }
-  const uint64_t length = storedLength + 36 + cutOff + (expected - strings.size());
+  const uint64_t length = storedLength + 36 + (expected - strings.size());
   if (storedLength + 36 > 0xFFFF)
     t->unloadable = Format("its stored length %llu is too large", (unsigned long long)storedLength);
   else if (t->magic != kTableMagic)

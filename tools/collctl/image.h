@@ -61,8 +61,8 @@ struct Table {
   std::vector<Bytes> names;
   std::vector<std::vector<Bytes>> cells;
   std::vector<Bytes> attributes;
-  // Why a load cannot rebuild the table (it then skips the item); empty
-  // when it can.
+  // Why a load cannot rebuild the table (it then refuses the whole image);
+  // empty when it can.
   std::string unloadable;
 };
 
@@ -71,7 +71,8 @@ struct Item {
   Bytes tag;
   uint16_t type = 0;
   uint16_t tranFlag = 0;
-  Bytes data;          // item, string, type 7: the payload bytes
+  Bytes data;          // item, string, type 7: the payload bytes; time,
+                       // numeric: any bytes after the value
   uint32_t value = 0;  // time, numeric
   Table table;         // table
   CollHead head;       // coll
@@ -82,6 +83,11 @@ struct Dump {
   uint32_t length = 0;    // of the image
   uint32_t checksum = 0;  // as stored (equal to the computed sum)
   std::vector<Item> items;
+  // The image holds what a load reads past but the tree does not keep (a
+  // value length word that differs from its block's, bytes after a number
+  // or after a table's stored data, nested records running past their
+  // block): the image written from the tree loads alike but differs.
+  bool normalised = false;
 };
 
 // Where and why an input is not a sound dump. offset counts bytes of the
@@ -102,9 +108,9 @@ struct Note {
 uint32_t Checksum(const Bytes &image);
 
 // Reads and checks an image: the header, the checksum, then every record
-// (lengths within their list, value length equal to the block's, type
-// codes 1 to 7, fixed sizes of time and number blocks, the stored table
-// length, nested lists that fill their blocks exactly). Exactly the images
+// (lengths within the image, type codes 1 to 7, time and number blocks of
+// at least 10 bytes, table data within its block, tables a load can
+// rebuild; a nested list is read while it starts inside its block). Exactly the images
 // that collLoadItems accepts are sound. On success fills dump (when not
 // null) and notes, and returns nothing; otherwise the first damage.
 std::optional<Damage> ReadImage(const Bytes &image, Dump *dump, std::vector<Note> *notes);

@@ -16,6 +16,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <unistd.h>
 
 #include "coll.hpp"
 #include "coll_host.h"
@@ -44,16 +45,25 @@ Bytes ReadFile(const std::string &path) {
     if (std::cin.bad()) throw Failure(kUsage, "cannot read the standard input");
     return all;
   }
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec))
+    throw Failure(kUsage, Format("cannot read %s: %s", path.c_str(), std::strerror(EISDIR)));
   std::ifstream in(path, std::ios::binary);
   if (!in) throw Failure(kUsage, Format("cannot read %s: %s", path.c_str(), std::strerror(errno)));
-  Bytes all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) throw Failure(kUsage, Format("cannot read %s", path.c_str()));
-  return all;
+  try {
+    Bytes all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (!in.bad()) return all;
+  } catch (const std::exception &) {
+  }
+  throw Failure(kUsage, Format("cannot read %s: %s", path.c_str(), std::strerror(errno)));
 }
 
-// Writes bytes to path, or to the standard output when path is empty or "-".
-void WriteOutput(const std::string &path, const Bytes &bytes) {
+// Writes bytes to path, or to the standard output when path is empty or "-";
+// a binary dump is not written to a terminal.
+void WriteOutput(const std::string &path, const Bytes &bytes, bool binary = false) {
   if (path.empty() || path == "-") {
+    if (binary && isatty(STDOUT_FILENO))
+      throw Failure(kUsage, "a binary dump is not written to a terminal: use -o FILE, --hex or a redirection");
     std::cout.write(bytes.data(), std::streamsize(bytes.size()));
     std::cout.flush();
     if (!std::cout) throw Failure(kUsage, "cannot write the standard output");
@@ -181,16 +191,39 @@ int Build(const std::string &path, const std::string &out, bool hex) {
   if (auto damage = ReadImage(image, nullptr, nullptr))
     throw Failure(kBadInput, Format("%s: the image built is not sound: offset %u: %s", Shown(path).c_str(),
                                     damage->offset, damage->what.c_str()));
-  WriteOutput(out, hex ? EncodeHex(image) : image);
+  WriteOutput(out, hex ? EncodeHex(image) : image, !hex);
   return 0;
 }
 
+// A temporary copy of the standard input, for the library to read as its
+// profile file; removed when it goes.
+struct StdinCopy {
+  std::string path;
+  explicit StdinCopy(const Bytes &text) {
+    std::string name = (std::filesystem::temp_directory_path() / "collctl-stdin-XXXXXX").string();
+    const int fd = mkstemp(name.data());
+    if (fd < 0) throw Failure(kUsage, Format("cannot make a temporary file: %s", std::strerror(errno)));
+    close(fd);
+    path = name;
+    WriteOutput(path, text);
+  }
+  ~StdinCopy() {
+    std::error_code ec;
+    std::filesystem::remove(path, ec);
+  }
+};
+
 int Ini(const std::string &section, const std::string &file, bool json) {
   std::string path = file;
-  if (!path.empty()) path = std::filesystem::absolute(path).string();
+  if (!path.empty() && path != "-") path = std::filesystem::absolute(path).string();
   if (path.empty()) path = DefaultProfilePath();
   if (path.empty()) throw Failure(kUsage, "no profile file: neither XDG_CONFIG_HOME nor HOME is set; use --file");
-  const std::vector<Section> sections = ListSections(ReadFile(path));
+  const Bytes text = ReadFile(path);
+  std::optional<StdinCopy> copy;
+  if (path == "-") copy.emplace(text);
+  const std::string shown = Shown(path);
+  if (copy) path = copy->path;
+  const std::vector<Section> sections = ListSections(text);
   if (section.empty()) {
     if (json) {
       Json a = Json::array();
@@ -205,7 +238,7 @@ int Ini(const std::string &section, const std::string &file, bool json) {
   // The section as a shared open loads it.
   const std::string &name = section;
   if (!FindSection(sections, name))
-    throw Failure(kBadInput, Format("%s has no section [%s]", path.c_str(), Escape(name).c_str()));
+    throw Failure(kBadInput, Format("%s has no section [%s]", shown.c_str(), Escape(name).c_str()));
   collHostSetProfilePath(path.c_str());
   libcoll::Collection c = libcoll::Collection::OpenShared(name);
   if (!c)
@@ -219,12 +252,12 @@ int Ini(const std::string &section, const std::string &file, bool json) {
                   Format("section [%s] cannot be shown: the collection cannot be dumped", Escape(name).c_str()));
   if (json) {
     Json j;
-    j["file"] = path;
+    j["file"] = shown;
     j["section"] = BytesToJson(name);
     j["items"] = ToJson(dump)["items"];
     std::cout << JsonText(j);
   } else {
-    std::cout << "[" << Escape(name) << "] of " << path << ": " << CountText(dump.items.size(), "item", "items") << "\n"
+    std::cout << "[" << Escape(name) << "] of " << shown << ": " << CountText(dump.items.size(), "item", "items") << "\n"
               << RenderTree(dump.items);
   }
   return 0;
@@ -239,12 +272,23 @@ const std::map<std::string, uint32_t> kLayouts = {
     {"names-and-rows", CLIP_NAMES_AND_ROWS},
 };
 
-int TableImport(const std::string &path, const std::string &out, const std::string &tag, bool hex) {
+// Rows whose field count is not the column count: how many, and the first.
+struct Ragged {
+  size_t count = 0;
+  size_t firstLine = 0;
+  size_t firstFields = 0;
+  void Add(size_t line, size_t fields) {
+    if (count++ == 0) firstLine = line, firstFields = fields;
+  }
+};
+
+int TableImport(const std::string &path, const std::string &out, const std::string &tag, bool hex, bool strict) {
   const Bytes text = ReadFile(path);
   // The clipboard's text has CR LF line ends, and a line counts only with
   // its line end: every line of the file becomes one, the last included.
   Bytes clip;
   size_t lines = 0, firstColumns = 0;
+  Ragged longer, shorter;
   for (size_t pos = 0; pos < text.size();) {
     size_t nl = text.find('\n', pos);
     if (nl == Bytes::npos) nl = text.size();
@@ -256,7 +300,10 @@ int TableImport(const std::string &path, const std::string &out, const std::stri
       throw Failure(kBadInput, Format("%s: line %zu holds a carriage return", Shown(path).c_str(), lines));
     if (line.find('\0') != Bytes::npos)
       throw Failure(kBadInput, Format("%s: line %zu holds a zero byte", Shown(path).c_str(), lines));
-    if (lines == 1) firstColumns = size_t(std::count(line.begin(), line.end(), '\t')) + 1;
+    const size_t fields = size_t(std::count(line.begin(), line.end(), '\t')) + 1;
+    if (lines == 1) firstColumns = fields;
+    if (fields > firstColumns) longer.Add(lines, fields);
+    if (fields < firstColumns) shorter.Add(lines, fields);
     clip += line + "\r\n";
   }
   if (lines == 0)
@@ -264,6 +311,20 @@ int TableImport(const std::string &path, const std::string &out, const std::stri
   if (firstColumns > 10)
     throw Failure(kBadInput, Format("%s: the first line names %zu columns; a table from text has at most 10",
                                     Shown(path).c_str(), firstColumns));
+  const std::string shown = Shown(path);
+  const char *name = shown.c_str();
+  for (const Ragged *r : {&longer, &shorter}) {
+    if (r->count == 0) continue;
+    const std::string what =
+        Format("%s: line %zu has %zu field%s for %zu columns", name, r->firstLine, r->firstFields,
+               r->firstFields == 1 ? "" : "s", firstColumns);
+    if (strict) throw Failure(kBadInput, what + " (--strict)");
+    std::cerr << "collctl: warning: " << what
+              << (r->count > 1 ? Format(" (and so %s %zu more)", r->count == 2 ? "does" : "do", r->count - 1)
+                               : std::string())
+              << (r == &longer ? "; the fields past the last column are dropped\n"
+                               : "; the missing fields are left empty\n");
+  }
   if (!collHostSetClipboardText(clip.c_str())) throw Failure(kBadInput, "the clipboard is busy");
   libcoll::Table table = libcoll::Table::FromClipboard();
   collHostSetClipboardText(nullptr);
@@ -277,7 +338,7 @@ int TableImport(const std::string &path, const std::string &out, const std::stri
   const std::vector<std::byte> bytes = c.Dump();
   if (bytes.empty()) throw Failure(kBadInput, "the table is too large for a dump (at most 65534 bytes)");
   const Bytes image(reinterpret_cast<const char *>(bytes.data()), bytes.size());
-  WriteOutput(out, hex ? EncodeHex(image) : image);
+  WriteOutput(out, hex ? EncodeHex(image) : image, !hex);
   return 0;
 }
 
@@ -326,15 +387,41 @@ int TableExport(const std::string &path, const std::string &tag, const std::stri
   return 0;
 }
 
+// Refuses a missing or unknown command (and table subcommand) by name, with
+// the list of those there are.
+void CheckCommand(const CLI::App &app, int argc, char **argv) {
+  const CLI::App *level = &app;
+  std::string path;  // the commands so far, e.g. "table "
+  for (int i = 1; level->get_require_subcommand_min() > 0; ++i) {
+    std::string known;
+    for (const CLI::App *sub : level->get_subcommands({}))
+      known += (known.empty() ? "" : ", ") + sub->get_name();
+    const std::string arg = i < argc ? argv[i] : "";
+    if (!arg.empty() && arg[0] == '-') return;  // an option: --help, --version or a mistake CLI11 reports
+    if (arg.empty())
+      throw Failure(kUsage, Format("%s a command: %s (see 'collctl %s--help')",
+                                   path.empty() ? "give" : ("'" + path.substr(0, path.size() - 1) + "' needs").c_str(),
+                                   known.c_str(), path.c_str()));
+    try {
+      level = level->get_subcommand(arg);
+    } catch (const CLI::OptionNotFound &) {
+      throw Failure(kUsage, Format("unknown command '%s%s'; the %scommands are: %s", path.c_str(), arg.c_str(),
+                                   path.c_str(), known.c_str()));
+    }
+    path += arg + " ";
+  }
+}
+
 int Run(int argc, char **argv) {
   CLI::App app{
       "collctl - shows, checks and builds libcoll dumps; shows the profile file; moves tables between dumps "
       "and tab-separated text.",
       "collctl"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", "collctl " COLL_VERSION_STRING, "Print the version and exit");
 
   std::string file, out, section, iniFile, tag, layout = "names-and-rows";
-  bool json = false, hex = false, raw = false;
+  bool json = false, hex = false, raw = false, strict = false;
   int status = 0;
 
   CLI::App *show = app.add_subcommand("show", "Print the items of a dump (binary or hexadecimal text) as a tree");
@@ -369,35 +456,38 @@ int Run(int argc, char **argv) {
   import->add_option("-o,--output", out, "Where to write the dump (default: the standard output)");
   import->add_option("--tag", tag, "The tag of the table item")->default_val("table");
   import->add_flag("--hex", hex, "Write the dump as hexadecimal text");
-  import->callback([&] { status = TableImport(file, out, tag, hex);
-});
-CLI::App *exp = table->add_subcommand("export", "Print a table item of a dump as tab-separated text");
-exp->add_option("FILE", file, "The dump; - reads the standard input")->required();
-exp->add_option("TAG", tag, "The tag of the table item")->required();
-std::vector<std::string> names;
-for (const auto &l : kLayouts) names.push_back(l.first);
-exp->add_option("--layout", layout, "What to print")->check(CLI::IsMember(names))->capture_default_str();
-exp->add_flag("--raw", raw,
-              "Print the text exactly as the library makes it (CR LF line ends, none after the last line)");
-exp->callback([&] { status = TableExport(file, tag, layout, raw); });
+  import->add_flag("--strict", strict, "Refuse rows whose field count is not the column count (else a warning)");
+  import->callback([&] { status = TableImport(file, out, tag, hex, strict); });
+  CLI::App *exp = table->add_subcommand("export", "Print a table item of a dump as tab-separated text");
+  exp->add_option("FILE", file, "The dump; - reads the standard input")->required();
+  exp->add_option("TAG", tag, "The tag of the table item")->required();
+  std::vector<std::string> names;
+  for (const auto &l : kLayouts) names.push_back(l.first);
+  exp->add_option("--layout", layout, "What to print")->check(CLI::IsMember(names))->capture_default_str();
+  exp->add_flag("--raw", raw,
+                "Print the text exactly as the library makes it (CR LF line ends, none after the last line)");
+  exp->callback([&] { status = TableExport(file, tag, layout, raw); });
 
-try {
-  app.parse(argc, argv);
-} catch (const CLI::CallForHelp &e) {
-  return app.exit(e);
-} catch (const CLI::ParseError &e) {
-  std::cerr << "collctl: " << e.what() << "\n"
-            << "Run 'collctl --help' or 'collctl COMMAND --help' for usage.\n";
-  return kUsage;
-} catch (const Failure &f) {
-  std::cout.flush();
-  std::cerr << "collctl: " << f.what() << "\n";
-  return f.status;
+  try {
+    CheckCommand(app, argc, argv);
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp &e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion &e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError &e) {
+    std::cerr << "collctl: " << e.what() << "\n"
+              << "Run 'collctl --help' or 'collctl COMMAND --help' for usage.\n";
+    return kUsage;
+  } catch (const Failure &f) {
+    std::cout.flush();
+    std::cerr << "collctl: " << f.what() << "\n";
+    return f.status;
+  }
+  return status;
 }
-return status;
-}  // namespace
 
-}  // namespace collctl
+}  // namespace
 }  // namespace collctl
 
 int main(int argc, char **argv) {

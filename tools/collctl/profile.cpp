@@ -37,7 +37,8 @@ std::string DefaultProfilePath() {
 
 std::vector<Section> ListSections(const std::string &text) {
   std::vector<Section> sections;
-  Section *current = nullptr;  // the section whose keys are being counted
+  Section *current = nullptr;      // the section whose keys are being counted
+  std::vector<std::string> seen;  // its keys so far
   for (size_t pos = 0; pos < text.size();) {
     size_t nl = text.find('\n', pos);
     if (nl == std::string::npos) nl = text.size();
@@ -48,6 +49,7 @@ std::vector<Section> ListSections(const std::string &text) {
       size_t close = line.rfind(']');
       std::string name = Trim(close == std::string::npos || close == 0 ? line.substr(1) : line.substr(1, close - 1));
       current = nullptr;
+      seen.clear();
       bool known = false;
       for (const Section &s : sections) known = known || SameName(s.name, name);
       if (!known) {
@@ -57,8 +59,16 @@ std::vector<Section> ListSections(const std::string &text) {
       continue;
     }
     if (line[0] == ';' || !current) continue;
+    // A repeated key is read once (its first line); an empty value gives no item.
     const size_t eq = line.find('=');
-    if (eq != std::string::npos && !Trim(line.substr(0, eq)).empty()) ++current->keys;
+    if (eq == std::string::npos) continue;
+    const std::string key = Trim(line.substr(0, eq));
+    if (key.empty()) continue;
+    bool repeated = false;
+    for (const std::string &k : seen) repeated = repeated || SameName(k, key);
+    if (repeated) continue;
+    seen.push_back(key);
+    if (!Trim(line.substr(eq + 1)).empty()) ++current->keys;
   }
   return sections;
 }

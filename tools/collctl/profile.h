@@ -10,7 +10,7 @@ namespace collctl {
 
 struct Section {
   std::string name;  // as spelled in its first header line
-  size_t keys = 0;   // key lines of that first section
+  size_t keys = 0;   // the items it loads as: its keys with a value, each once
 };
 
 // The file the library uses when no other is chosen:
@@ -22,7 +22,8 @@ std::string DefaultProfilePath();
 // (names match without regard to the case of A-Z; the first section of a
 // name is the one the library reads). A "[name]" line starts a section: the
 // name ends at the line's last ']' and blanks around it are dropped. A
-// "key=value" line that does not start with ';' or '[' is a key.
+// "key=value" line that does not start with ';' or '[' is a key; a repeated
+// key counts once, and a key whose (first) value is empty not at all.
 std::vector<Section> ListSections(const std::string &text);
 
 // The section of that name (blanks around it dropped, letter case of A-Z

@@ -23,7 +23,7 @@ class LocalTimes {
  public:
   std::string operator()(uint32_t seconds) {
     if (!scratch_) scratch_ = libcoll::Collection::Open();
-    scratch_.SetTime("t", seconds);
+    if (!scratch_.SetTime("t", seconds)) return std::string();
     return scratch_.GetString("t").value_or("");
   }
 

@@ -129,7 +129,11 @@ void Fill(std::mt19937 &rng, HCOLL h, int depth) {
   for (uint32_t i = 0, n = 1 + rng() % 6; i < n; ++i) {
     const std::string tag = rng() % 10 ? RandomText(rng, 6, false) : std::string(300 + rng() % 50, 'L');
     switch (rng() % 7) {
-      case 0: collSetItem(h, tag.c_str(), RandomText(rng, 40, true).data(), 1 + rng() % 40); break;
+      case 0: {
+        const std::string raw = RandomText(rng, 40, true);
+        collSetItem(h, tag.c_str(), raw.data(), uint32_t(raw.size()));
+        break;
+      }
       case 1: collSetString(h, tag.c_str(), RandomText(rng, 60, false).c_str()); break;
       case 2: collSetNumeric(h, tag.c_str(), int32_t(rng())); break;
       case 3: collSetTime(h, tag.c_str(), uint32_t(rng())); break;

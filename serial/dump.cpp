@@ -201,13 +201,6 @@ uint32_t BlockNumbersToDump(uint8_t *p, const uint8_t *blk) {
   return removed;
 }
 
-// The value block of a table item at p, length bytes: head, stored table
-// header, the data block; its byte sum.
-uint32_t PutTableBlock(uint8_t *p, const uint8_t *blk, const uint8_t *hdr, uint32_t length) {
-  return PutHead(p, COLLTYPE_TABLE, rd16(blk + ib::tranFlag), length) + cpytablehdr(p + ITEM_BLOCK_HEAD, hdr) +
-         SumBytes<true>(p + DUMP_TABLE_BLOCK, TableData(hdr), TableDataLength(hdr));
-}
-
 // Calls visit(cur, block) for each item of the collection image in order
 // while it returns true. Reaching a nested collection may release the lock,
 // after which the image itself may have moved or changed: from the first
@@ -267,13 +260,14 @@ uint32_t stringCollAt(uint8_t *img, DumpWriter *out, uint32_t depth) {
   return out->pos - start;
 }
 
-// Writes the record of one item. Each record but a nested collection's is
-// written behind one bounds check: a table's from its header and data block,
-// any other as the item lies in the image (tag length, tag, value length,
-// value block) with its numbers turned big-endian.
+// Writes the record of one item. A table's or nested collection's value
+// length is patched in once its block is written; any other record is
+// written behind one bounds check, as the item lies in the image (tag
+// length, tag, value length, value block) with its numbers turned
+// big-endian.
 bool PutRecord(const ItemCursor &cur, const uint8_t *blk, DumpWriter *out, uint32_t depth) {
   const uint32_t type = BlockType(blk);
-  if (type == COLLTYPE_COLL) {
+  if (type == COLLTYPE_COLL || type == COLLTYPE_TABLE) {
     cpyWord(out, cur.t);
     cpyBytes(out, cur.tag, cur.t);
     const uint32_t placeholder = out->pos;
@@ -282,19 +276,12 @@ bool PutRecord(const ItemCursor &cur, const uint8_t *blk, DumpWriter *out, uint3
     if (!out->failed) Patch(out, placeholder, length);
     return !out->failed;
   }
-  const uint8_t *hdr = type == COLLTYPE_TABLE ? GetTablePtr(rd32(BlockData(blk))) : nullptr;
-  const uint32_t length = hdr ? TableLength(hdr) - DUMP_TABLE_SHRINK : cur.b;
-  uint8_t *p = type != COLLTYPE_TABLE || hdr ? Reserve(out, 4 + cur.t + length) : nullptr;
+  uint8_t *p = Reserve(out, 4 + cur.t + cur.b);
   if (!p) return false;
-  if (hdr) {
-    out->sum += WordSum(cur.t) + SumBytes<true>(p + 2, cur.tag, cur.t) + WordSum(length) +
-                PutTableBlock(p + 4 + cur.t, blk, hdr, length);
-  } else {
-    out->sum += SumBytes<true>(p, cur.tag - 2, 4 + cur.t + cur.b);  // the item from its tag length on
-    out->sum -= BlockNumbersToDump(p + 4 + cur.t, blk);
-  }
+  out->sum += SumBytes<true>(p, cur.tag - 2, 4 + cur.t + cur.b);  // the item from its tag length on
+  out->sum -= BlockNumbersToDump(p + 4 + cur.t, blk);
   wrBE16(p, cur.t);
-  wrBE16(p + 2 + cur.t, length);
+  wrBE16(p + 2 + cur.t, cur.b);
   return true;
 }
 
@@ -319,7 +306,9 @@ uint32_t strItemsAt(const uint8_t *blk, DumpWriter *out, uint32_t depth) {
   uint8_t *p = Reserve(out, length);
   if (!p) return 0;
   if (hdr) {
-    out->sum += PutTableBlock(p, blk, hdr, length);
+    // Head, stored table header, the data block.
+    out->sum += PutHead(p, type, rd16(blk + ib::tranFlag), length) + cpytablehdr(p + ITEM_BLOCK_HEAD, hdr) +
+                SumBytes<true>(p + DUMP_TABLE_BLOCK, TableData(hdr), TableDataLength(hdr));
   } else {
     out->sum += SumBytes<true>(p, blk, length);
     out->sum -= BlockNumbersToDump(p, blk);
@@ -419,7 +408,6 @@ uint32_t StringCollection(uint8_t *img, uint8_t *output, uint32_t size) {
   wrBE16(output + 4, out.sum & 0xFFFF);
   return total;
 }
-
 
 uint32_t checksum(const uint8_t *img, uint32_t length) {
   return length > DUMP_HEADER_SIZE ? SumBytes<false>(nullptr, img + DUMP_HEADER_SIZE, length - DUMP_HEADER_SIZE) & 0xFFFF

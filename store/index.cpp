@@ -8,8 +8,8 @@
 // right by the engine at its two changes of the item area (an append at the
 // end, a removal that moves the items behind it), and dropped when it cannot
 // be built or grown: the walk then serves, with the same results. A stamp of
-// the image it describes (id, item count, data length) makes it rebuild when
-// the item area changed by any other path.
+// the image it describes (id, data length, and the entry count, which is the
+// item count) makes it rebuild when the item area changed by any other path.
 #include <cstring>
 
 #include "store/store.h"
@@ -25,8 +25,8 @@ namespace {
 struct TagIndex {
   uint32_t slots;  // a power of two
   uint32_t limit;  // entries before the table must grow (3/4 of the slots)
-  uint32_t entries;
-  uint16_t id, count, dataLength;  // the image the index describes
+  uint32_t entries;                // one per item of the image
+  uint16_t id, dataLength;         // the image the index describes
 };
 
 constexpr uint32_t kMinSlots = 64;
@@ -39,11 +39,10 @@ TagIndex *IndexOf(uint32_t hColl) { return static_cast<TagIndex *>(ps->tagIndex[
 void SetIndex(uint32_t hColl, TagIndex *x) { ps->tagIndex[hColl - kCollBase] = x; }
 
 bool Describes(const TagIndex *x, const uint8_t *img) {
-  return x->id == CollId(img) && x->count == CollItemCount(img) && x->dataLength == CollDataLength(img);
+  return x->id == CollId(img) && x->entries == CollItemCount(img) && x->dataLength == CollDataLength(img);
 }
 void Stamp(TagIndex *x, const uint8_t *img) {
   x->id = static_cast<uint16_t>(CollId(img));
-  x->count = static_cast<uint16_t>(CollItemCount(img));
   x->dataLength = static_cast<uint16_t>(CollDataLength(img));
 }
 
@@ -246,7 +245,7 @@ void IndexItemAdded(uint32_t hColl, uint8_t *img, uint32_t p) {
   TagIndex *x = IndexOf(hColl);
   if (!x) return;
   ItemCursor cur;
-  if (x->id != CollId(img) || x->count + 1u != CollItemCount(img) || x->dataLength != p ||
+  if (x->id != CollId(img) || x->entries + 1 != CollItemCount(img) || x->dataLength != p ||
       !ItemAt(img, p, &cur)) {
     Drop(hColl);
     return;
@@ -275,7 +274,6 @@ void IndexItemRemoving(uint32_t hColl, uint8_t *img, uint32_t p, uint32_t size) 
   }
   // Only the items behind the removed one move (none behind the last).
   if (p + size < x->dataLength) ShiftOffsets(x, p, size);
-  x->count = static_cast<uint16_t>(x->count - 1);
   x->dataLength = static_cast<uint16_t>(x->dataLength - size);
 }
 

@@ -42,12 +42,10 @@ uint32_t TableSetString(uint32_t hTable, uint8_t *h, uint32_t row, uint32_t colu
   if (!MakeTableDataPrivate(h)) return 0;
   uint8_t *data = LimitCheck(h, d, hTable);
   if (!data) return 0;
-  const uint32_t dataLength = TableDataLength(h);
   wr32(h + th::cacheValid, 0);
-  std::memmove(data + offset + n, data + offset + o, dataLength - offset - o);
+  MoveTail(h, data, offset + o, offset + n);
   std::memcpy(data + offset, text, n - 1);
   data[offset + n - 1] = 0;
-  RowIndexMoved(h, offset, d);
   wr16(h + th::length, TableLength(h) + d);
   if (row != kRowHeader) {
     wr32(h + th::attrOffset, TableAttrOffset(h) + d);

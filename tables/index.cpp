@@ -35,13 +35,6 @@ bool Reserve(TableDataRec *rec, uint32_t count) {
   return true;
 }
 
-// Adds d (modulo 2^16, as offsets fit 16 bits) to the entries from k on.
-void AddFrom(TableDataRec *rec, uint32_t k, int32_t d) {
-  uint16_t *s = rec->rowStart;
-  const uint16_t delta = static_cast<uint16_t>(d);
-  for (uint32_t i = k; i < rec->rowStartCount; ++i) s[i] = static_cast<uint16_t>(s[i] + delta);
-}
-
 // Scans the data once for the start of every row. False (and no index) when
 // there is no memory or when the data holds fewer strings than the header
 // claims: such a table is read by the walk alone.
@@ -101,12 +94,14 @@ uint32_t RowIndexFind(const uint8_t *h, uint32_t n) {
   return SkipStrings(TableData(h), rec->rowStart[k], n - k * cols, TableDataLength(h));
 }
 
-void RowIndexMoved(const uint8_t *h, uint32_t offset, int32_t d) {
+void RowIndexMoved(const uint8_t *h, uint32_t from, uint32_t to) {
   TableDataRec *rec = Described(h, 0);
-  if (!rec || d == 0) return;
-  const uint16_t *s = rec->rowStart;
-  const uint32_t k = uint32_t(std::upper_bound(s, s + rec->rowStartCount, offset) - s);
-  AddFrom(rec, k, d);
+  if (!rec || from == to) return;
+  // Offsets fit 16 bits: the move is added modulo 2^16.
+  uint16_t *s = rec->rowStart;
+  const uint16_t delta = static_cast<uint16_t>(to - from);
+  for (uint32_t k = uint32_t(std::lower_bound(s, s + rec->rowStartCount, from) - s); k < rec->rowStartCount; ++k)
+    s[k] = static_cast<uint16_t>(s[k] + delta);
 }
 
 void RowIndexInserted(const uint8_t *h, uint32_t row, uint32_t bytes) {
@@ -116,20 +111,20 @@ void RowIndexInserted(const uint8_t *h, uint32_t row, uint32_t bytes) {
     DropRowIndex(rec);
     return;
   }
-  // The new row starts where the row it displaces started.
+  // The row it displaced (or the attribute strings) moved on by bytes; the
+  // new row starts where that one started.
   uint16_t *s = rec->rowStart;
   std::memmove(s + row + 2, s + row + 1, (rec->rowStartCount - row - 1) * 2);
+  s[row + 1] = static_cast<uint16_t>(s[row + 2] - bytes);
   ++rec->rowStartCount;
-  AddFrom(rec, row + 2, int32_t(bytes));
 }
 
-void RowIndexDeleted(const uint8_t *h, uint32_t row, uint32_t bytes) {
+void RowIndexDeleted(const uint8_t *h, uint32_t row) {
   TableDataRec *rec = Described(h, 1);
   if (!rec) return;
   uint16_t *s = rec->rowStart;
   std::memmove(s + row + 1, s + row + 2, (rec->rowStartCount - row - 2) * 2);
   --rec->rowStartCount;
-  AddFrom(rec, row + 1, -int32_t(bytes));
 }
 
 }  // namespace coll

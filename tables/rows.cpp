@@ -23,12 +23,6 @@ void ForgetAttributePosition(uint8_t *h) {
   if (rd32(h + th::cacheOffset) >= TableAttrOffset(h)) wr32(h + th::cacheValid, 0);
 }
 
-// Moves the data from offset from to the end of the data so that it starts
-// at offset to; the room must be there.
-void MoveTail(uint8_t *h, uint8_t *data, uint32_t from, uint32_t to) {
-  std::memmove(data + to, data + from, TableDataLength(h) - from);
-}
-
 // Writes the u bytes of fields and m empty strings at p.
 void PutRow(uint8_t *p, const uint8_t *fields, uint32_t u, uint32_t m) {
   if (u) std::memcpy(p, fields, u);
@@ -58,7 +52,6 @@ uint32_t AddRow(uint32_t hTable, uint8_t *h, uint32_t row) {
     wr32(h + th::cacheValid, 0);
     MoveTail(h, data, TableRowsOffset(h), cols);
     std::memset(data, 0, cols);
-    RowIndexMoved(h, 0, -d);
     AddToField(h, th::rowsOffset, -d);
     AddToField(h, th::attrOffset, -d);
     AddToLength(h, -d);
@@ -102,7 +95,6 @@ uint32_t SetRow(uint32_t hTable, uint8_t *h, uint32_t row, const uint8_t *fields
     wr32(h + th::cacheValid, 0);
     MoveTail(h, data, TableRowsOffset(h), uint32_t(w));
     PutRow(data, fields, u, m);
-    RowIndexMoved(h, 0, d);
     AddToLength(h, d);
     AddToField(h, th::rowsOffset, d);
     AddToField(h, th::attrOffset, d);
@@ -128,7 +120,6 @@ uint32_t SetRow(uint32_t hTable, uint8_t *h, uint32_t row, const uint8_t *fields
     if (!(data = LimitCheck(h, d, hTable))) return 0;
     MoveTail(h, data, p + o, p + uint32_t(w));
     PutRow(data + p, fields, u, m);
-    RowIndexMoved(h, p, d);
     AddToLength(h, d);
     AddToField(h, th::attrOffset, d);
   } else {
@@ -182,7 +173,7 @@ COLL_API(void) tableDeleteRow(HTABLE hTable, uint32_t row) {
   AddToField(h, th::attrOffset, -int32_t(n));
   const uint32_t rows = TableRows(h) - 1;
   wr16(h + th::rows, rows);
-  RowIndexDeleted(h, row, n);
+  RowIndexDeleted(h, row);
   const uint32_t selection = TableSelection(h);
   if (selection >= rows || selection == row) wr16(h + th::selection, TABLE_NO_SELECTION);
   StampTable(h);

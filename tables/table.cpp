@@ -155,6 +155,11 @@ uint8_t *LimitCheck(uint8_t *h, int32_t growth, uint32_t hTable) {
   return TableData(h);
 }
 
+void MoveTail(uint8_t *h, uint8_t *data, uint32_t from, uint32_t to) {
+  std::memmove(data + to, data + from, TableDataLength(h) - from);
+  RowIndexMoved(h, from, to);
+}
+
 uint32_t MakeTableDataPrivate(uint8_t *h) {
   uint32_t index = TableDataIndex(h);
   TableDataRec &rec = ps->tableData[index];

@@ -134,6 +134,9 @@ uint8_t *LimitCheck(uint8_t *header, int32_t growth, uint32_t hTable);
 // Gives the header a data block of its own (copy on write): 1, or 0 with
 // nothing changed.
 uint32_t MakeTableDataPrivate(uint8_t *header);
+// Moves the data from offset from to the end of the data so that it starts
+// at offset to (the room must be there); the row index follows.
+void MoveTail(uint8_t *header, uint8_t *data, uint32_t from, uint32_t to);
 // The addressed string (field, column name, attribute string), or null.
 // forWrite first makes the data block private (null when it cannot).
 uint8_t *GetTableDataPtr(uint8_t *header, uint32_t row, uint32_t column, uint32_t forWrite);
@@ -151,12 +154,14 @@ void DropRowIndex(TableDataRec *rec);
 // no index (no memory, or data with fewer strings than the header claims)
 // or n lies past the first attribute string's row.
 uint32_t RowIndexFind(const uint8_t *header, uint32_t n);
-// The bytes after offset moved by d (a string or row at offset replaced).
-void RowIndexMoved(const uint8_t *header, uint32_t offset, int32_t d);
-// A row of bytes bytes was inserted as row (rows already counts it).
+// The bytes from offset from to the end now start at offset to (MoveTail).
+void RowIndexMoved(const uint8_t *header, uint32_t from, uint32_t to);
+// A row of bytes bytes was inserted as row, the data behind it moved on
+// (rows already counts it).
 void RowIndexInserted(const uint8_t *header, uint32_t row, uint32_t bytes);
-// Row row, of bytes bytes, was deleted (rows no longer counts it).
-void RowIndexDeleted(const uint8_t *header, uint32_t row, uint32_t bytes);
+// Row row was deleted, the data behind it moved back (rows no longer counts
+// it).
+void RowIndexDeleted(const uint8_t *header, uint32_t row);
 
 // ---- the work of the table functions on a resolved header, shared with
 // the readers of table items (REQUIRES: lock held)

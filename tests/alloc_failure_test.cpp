@@ -281,11 +281,25 @@ void TagIndex() {
   }
 }
 
+// Rows inserted, each followed by a far read: the row index is built and grows,
+// or is dropped when memory is short, and stays in step with the strings.
+void RowIndex() {
+  HTABLE t = tableCreate(1, 0);
+  char buf[4];
+  for (uint32_t i = 0; t && i < 40; ++i) {
+    tableAddRow(t, 0);
+    EXPECT_EQ(testutil::CheckState(), "") << i;
+    tableGetItem(t, tableRowCount(t) - 1, 0, buf, sizeof buf);
+  }
+  tableDestroy(t);
+}
+
 const std::pair<const char *, void (*)()> kScenarios[] = {
     {"RawItemsAndTheEngine", RawItemsAndTheEngine}, {"TypedValuesAndReaders", TypedValuesAndReaders},
     {"TablesAndCopyOnWrite", TablesAndCopyOnWrite}, {"SharedCollections", SharedCollections},
     {"NotificationAndTransactions", NotificationAndTransactions}, {"Clipboard", Clipboard},
     {"DumpsAndLoads", DumpsAndLoads}, {"TaskAbort", TaskAbort}, {"TagIndex", TagIndex},
+    {"RowIndex", RowIndex},
 };
 
 class AllocFailure : public ::testing::TestWithParam<std::pair<const char *, void (*)()>> {};

@@ -163,8 +163,8 @@ COLL_EXPORT uint32_t COLLAPI collGetType(HCOLL hColl, const char *tag);
 COLL_EXPORT uint32_t COLLAPI collCopyItem(HCOLL hTo, HCOLL hFrom, const char *tag);
 /* Moves the item oldTag to newTag (replacing an item newTag); it becomes the
  * last item. A change of letter case only renames in place. 1, or 0 for a
- * missing oldTag, the catalog, an invalid handle or a full image (oldTag
- * then stays). */
+ * missing oldTag, an empty newTag, the catalog, an invalid handle or a full
+ * image (oldTag then stays). */
 COLL_EXPORT uint32_t COLLAPI collRenameTag(HCOLL hColl, const char *oldTag, const char *newTag);
 /* Stores length bytes of data as a raw item (COLLTYPE_ITEM); length
  * 0xFFFFFFFF takes data as a zero-terminated text (stored without its zero).
@@ -476,7 +476,9 @@ COLL_EXPORT uint32_t COLLAPI collDumpItemsHex(HCOLL hColl, char *text, uint32_t 
  * with a wrong header, length or checksum, or holding a damaged table (bad
  * table header, no columns, more than 64 pages, or too large once
  * completed) is refused whole: the load returns 0 and stores nothing. 1 when
- * the dump is accepted; 0 also for an invalid handle or no memory. */
+ * the dump is accepted, even if single items could not be stored (an empty
+ * tag, no free handle or memory, a full image); 0 also for an invalid handle
+ * or no memory. */
 COLL_EXPORT uint32_t COLLAPI collLoadItems(HCOLL hColl, const void *data, uint32_t length);
 /* collLoadItems on the image that text (length characters, as
  * collDumpItemsHex writes them, either letter case; no terminator needed)

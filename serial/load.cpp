@@ -2,7 +2,8 @@
 // into a collection.
 //
 // An image is checked whole before anything is stored: its header and
-// checksum, then every record's lengths and type codes. The records are then
+// checksum, then every record's lengths and type codes and every table's
+// stored header and strings. The records are then
 // decoded from their big-endian form into new value blocks and stored one by
 // one through the item store, which merges them with the collection's other
 // items and communicates each change.

@@ -90,9 +90,13 @@ void Deliver(uint32_t window, uint32_t hColl, uint8_t *area) {
   t_chain = outer;
 }
 
-void CommunicateOnPath(uint32_t hColl, const char *tag, uint32_t n) {
+}  // namespace
+
+void CommunicateChange(uint32_t hColl, const char *tag, uint32_t n) {
   uint8_t *img = AccessColl(hColl);
-  if (!img) return;
+  // Most collections have nobody to tell: no step on the path then (one
+  // that copies into no target cannot be passed through again).
+  if (!img || (Entry(img, ch::adviceTarget, 0) == 0 && Entry(img, ch::propTarget, 0) == 0)) return;
   const uint32_t id = CollId(img);
   PathStep step(hColl, id);
   // The tag area also serves as the terminated copy of the tag that the
@@ -140,8 +144,6 @@ void CommunicateOnPath(uint32_t hColl, const char *tag, uint32_t n) {
   collFreePtr(area);
 }
 
-}  // namespace
-
 uint8_t *MakeTagArea(const char *tag, uint32_t maxLength) {
   uint32_t n = collstrlen(tag, maxLength);
   if (n > 0xFFFFFFFFu - 7) return nullptr;
@@ -175,15 +177,6 @@ uint32_t RemoveUpdate(uint8_t *img, uint32_t target) {
     return 1;
   }
   return 0;
-}
-
-void CommunicateChange(uint32_t hColl, const char *tag, uint32_t n) {
-  if (!t_chain) {
-    // Most collections have nobody to tell: no chain to start then.
-    const uint8_t *img = GetCollPtr(hColl);
-    if (!img || (Entry(img, ch::adviceTarget, 0) == 0 && Entry(img, ch::propTarget, 0) == 0)) return;
-  }
-  CommunicateOnPath(hColl, tag, n);
 }
 
 }  // namespace coll

@@ -13,10 +13,11 @@ uint32_t CreateCatalog();
 
 // Tells the advice windows and propagation targets of hColl that the item
 // tag (n bytes, not necessarily terminated) changed. Propagation copies run
-// nested in the calling thread, and one change enters each collection at
-// most once. Callers inside an open transaction do not call it: the
-// transaction's end tells its changes. REQUIRES: lock held; returns with it
-// held but releases it in between, so image pointers are stale afterwards.
+// nested in the calling thread; a copy into a collection already on the
+// path that brought the change is passed over. Callers inside an open
+// transaction do not call it: the transaction's end tells its changes.
+// REQUIRES: lock held; returns with it held but releases it in between, so
+// image pointers are stale afterwards.
 void CommunicateChange(uint32_t hColl, const char *tag, uint32_t n);
 
 // The block whose address the advice message carries: u16 n, the n tag

@@ -30,7 +30,17 @@ def main():
     end = next((i for i in range(start, len(readme)) if readme[i].startswith("## ")), len(readme))
     out = ['.TH COLLCTL 1 "" "libcoll %s" "User Commands"' % version]
     in_code = False
+    para = []  # the lines of the paragraph or list item being read
+
+    def flush():
+        # Marked up whole: `code` may run on to the next line.
+        if para:
+            out.extend(line_out(line) for line in inline("\n".join(para)).split("\n"))
+            para.clear()
+
     for raw in readme[start:end]:
+        if para and (raw == "" or raw.startswith(("### ", "    ", "|", "- "))):
+            flush()
         if in_code and (raw.startswith("    ") or raw == ""):
             out.append(line_out(raw[4:].replace("\\", "\\e")) if raw else "")
             continue
@@ -55,9 +65,11 @@ def main():
                 continue
             out += [".TP", inline(cells[0]), line_out(inline(" ".join(cells[1:])))]
         elif raw.startswith("- "):
-            out += [".IP \\(bu 2", line_out(inline(raw[2:]))]
+            out.append(".IP \\(bu 2")
+            para.append(raw[2:])
         else:
-            out.append(line_out(inline(raw.strip())))
+            para.append(raw.strip())
+    flush()
     if in_code:
         out.append(".EE")
     while out[-1] in ("", ".PP"):

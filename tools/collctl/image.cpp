@@ -98,8 +98,7 @@ struct ListReader {
             return Damage{blk + 4, Format("the %s block of '%s' is %u bytes long, expected at least 10",
                                           TypeName(item.type).c_str(), tagText.c_str(), L)};
           item.value = Be32(image, blk + kBlockHead);
-          item.data = image.substr(blk + kBlockHead + 4, L - kBlockHead - 4);  // kept after the value
-          if (!item.data.empty())
+          if (L > kBlockHead + 4)
             Lenient(blk + 4, Format("the %s block of '%s' holds %u bytes after its value", TypeName(item.type).c_str(),
                                     tagText.c_str(), L - kBlockHead - 4));
           break;
@@ -179,7 +178,6 @@ void PutBlock(const Item &item, Bytes *block) {
     case kTypeTime:
     case kTypeNumeric:
       Put32(block, item.value);
-      block->append(item.data);
       break;
     case kTypeTable: {
       Table t = item.table;

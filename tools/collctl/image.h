@@ -71,8 +71,7 @@ struct Item {
   Bytes tag;
   uint16_t type = 0;
   uint16_t tranFlag = 0;
-  Bytes data;          // item, string, type 7: the payload bytes; time,
-                       // numeric: any bytes after the value
+  Bytes data;          // item, string, type 7: the payload bytes
   uint32_t value = 0;  // time, numeric
   Table table;         // table
   CollHead head;       // coll
@@ -83,10 +82,10 @@ struct Dump {
   uint32_t length = 0;    // of the image
   uint32_t checksum = 0;  // as stored (equal to the computed sum)
   std::vector<Item> items;
-  // The image holds what a load reads past but the tree does not keep (a
-  // value length word that differs from its block's, bytes after a number
-  // or after a table's stored data, nested records running past their
-  // block): the image written from the tree loads alike but differs.
+  // The image holds what the tree does not keep (a value length word that
+  // differs from its block's, bytes after a number or after a table's stored
+  // data, nested records running past their block): the image written from
+  // the tree loads but differs.
   bool normalised = false;
 };
 

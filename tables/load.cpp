@@ -54,7 +54,7 @@ bool ReadStoredTable(const uint8_t *stored, uint32_t available, StoredTable *t) 
   if (count < namesEnd) rowsOffset = end + (namesEnd - count);
   if (count < rowsEnd) attrOffset = end + (rowsEnd - count);
   const uint64_t length = uint64_t(storedLength) + 36 + (expected - count);
-  if (length <= TABLE_HEADER_SIZE || length > kMaxLoadedLength) return false;
+  if (length > kMaxLoadedLength) return false;  // never below 54: at least six strings
   t->length = static_cast<uint32_t>(length);
   t->rowsOffset = static_cast<uint32_t>(rowsOffset);
   t->attrOffset = static_cast<uint32_t>(attrOffset);
